@@ -1,0 +1,23 @@
+#!/usr/bin/env bash
+# Installs what building and testing libkovrabpf needs on a Debian machine. Safe to run again:
+# it only asks apt for packages that are missing.
+set -euo pipefail
+
+packages=(
+    cmake g++ make binutils pkg-config
+    android-libbase-dev android-liblog-dev libfmt-dev
+    libgtest-dev libbenchmark-dev
+    "$@"
+)
+
+missing=()
+for p in "${packages[@]}"; do
+    dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q 'install ok installed' || missing+=("$p")
+done
+if ((${#missing[@]})); then
+    echo "setup: installing ${missing[*]}"
+    sudo_cmd=()
+    [[ $(id -u) -eq 0 ]] || sudo_cmd=(sudo)
+    "${sudo_cmd[@]}" apt-get update -q
+    DEBIAN_FRONTEND=noninteractive "${sudo_cmd[@]}" apt-get install -y -q --no-install-recommends "${missing[@]}"
+fi

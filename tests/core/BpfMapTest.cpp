@@ -1,0 +1,309 @@
+#include <errno.h>
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <set>
+
+#include "Harness.h"
+
+namespace kovra::test {
+namespace {
+
+using android::base::Result;
+using android::bpf::BpfMap;
+using android::bpf::BpfMapRO;
+using android::bpf::PinnedMap;
+
+constexpr PinnedMap<uint32_t, uint64_t> kMap{"/sys/fs/bpf/map_test_u32_u64_map"};
+
+class BpfMapTest : public KernelTest {};
+
+void fill(const TestMap<uint32_t, uint64_t>& map, uint32_t n) {
+    for (uint32_t k = 1; k <= n; ++k) ASSERT_TRUE(map.put(k, k * 10ull));
+}
+
+TEST_F(BpfMapTest, SingleOperationsReportMessageAndErrno) {
+    TestMap map(kMap);
+    ASSERT_TRUE(map.put(7, 70));
+    BpfMap<uint32_t, uint64_t> handle(kMap);
+
+    EXPECT_EQ(70u, handle.readValue(7).value());
+    auto missing = handle.readValue(8);
+    ASSERT_FALSE(missing.ok());
+    EXPECT_EQ("BpfMap::readValue() failed", missing.error().message());
+    EXPECT_EQ(ENOENT, missing.error().code());
+
+    EXPECT_EQ(7u, handle.getFirstKey().value());
+    auto last = handle.getNextKey(7);
+    EXPECT_EQ("BpfMap::getNextKey() failed", last.error().message());
+    EXPECT_EQ(ENOENT, last.error().code());
+
+    // The flags go to the kernel as given: BPF_NOEXIST refuses an existing key.
+    auto exists = handle.writeValue(7, 71, BPF_NOEXIST);
+    EXPECT_EQ("BpfMap::writeValue() failed", exists.error().message());
+    EXPECT_EQ(EEXIST, exists.error().code());
+    ASSERT_TRUE(handle.writeValue(7, 72, BPF_ANY).ok());
+    EXPECT_EQ(72u, map.get(7));
+
+    ASSERT_TRUE(handle.deleteValue(7).ok());
+    auto gone = handle.deleteValue(7);
+    EXPECT_EQ("BpfMap::deleteValue() failed", gone.error().message());
+    EXPECT_EQ(ENOENT, gone.error().code());
+    auto empty = handle.getFirstKey();
+    EXPECT_EQ("BpfMap::getFirstKey() failed", empty.error().message());
+    EXPECT_EQ(ENOENT, empty.error().code());
+}
+
+TEST_F(BpfMapTest, WalkVisitsEveryEntryAndToleratesDeletingTheCurrentOne) {
+    TestMap map(kMap);
+    BpfMap<uint32_t, uint64_t> handle(kMap);
+    int calls = 0;
+    auto count = [&](const uint32_t&, const uint64_t&, const BpfMapRO<uint32_t, uint64_t>&) {
+        ++calls;
+        return Result<void>{};
+    };
+    EXPECT_TRUE(handle.iterateWithValue(count).ok());
+    EXPECT_EQ(0, calls) << "an empty map calls nothing";
+    EXPECT_TRUE(handle.clear().ok());
+
+    fill(map, 50);
+    std::set<uint32_t> seen;
+    auto result = handle.iterateWithValue(
+            [&](const uint32_t& key, const uint64_t& value, BpfMap<uint32_t, uint64_t>& self) {
+                EXPECT_EQ(key * 10ull, value);
+                seen.insert(key);
+                return self.deleteValue(key);
+            });
+    EXPECT_TRUE(result.ok()) << result.error().message();
+    EXPECT_EQ(50u, seen.size());
+    EXPECT_EQ(0u, map.size());
+}
+
+TEST_F(BpfMapTest, WalkStopsAtTheFirstFailingStepOrCallback) {
+    TestMap map(kMap);
+    fill(map, 5);
+    const BpfMapRO<uint32_t, uint64_t> handle(kMap);
+    int calls = 0;
+    auto count = [&](const uint32_t&, const uint64_t&, const BpfMapRO<uint32_t, uint64_t>&) {
+        ++calls;
+        return Result<void>{};
+    };
+
+    // The callback's own error comes back unchanged and ends the walk after that entry.
+    auto stop = handle.iterateWithValue(
+            [&](const uint32_t&, const uint64_t&, const auto&) -> Result<void> {
+                if (++calls == 2) return android::bpf::bpfError("callback says stop", EDOM);
+                return {};
+            });
+    EXPECT_EQ(2, calls);
+    EXPECT_EQ("callback says stop", stop.error().message());
+    EXPECT_EQ(EDOM, stop.error().code());
+
+    struct Case {
+        int cmd, nth, err;
+        const char* message;
+        int callsBefore;
+    };
+    for (const Case& c : {Case{BPF_MAP_LOOKUP_ELEM, 3, EIO, "BpfMap::readValue() failed", 2},
+                          Case{BPF_MAP_GET_NEXT_KEY, 3, EBUSY, "BpfMap::getNextKey() failed", 2},
+                          Case{BPF_MAP_GET_NEXT_KEY, 1, EPERM, "BpfMap::getFirstKey() failed", 0}}) {
+        resetInterposers();
+        failBpfCommand(c.cmd, c.nth, c.err);
+        calls = 0;
+        auto failed = handle.iterateWithValue(count);
+        ASSERT_FALSE(failed.ok());
+        EXPECT_EQ(c.message, failed.error().message());
+        EXPECT_EQ(c.err, failed.error().code());
+        EXPECT_EQ(c.callsBefore, calls) << c.message;
+    }
+    EXPECT_EQ(5u, map.size()) << "a read-only walk never changes the map";
+}
+
+TEST_F(BpfMapTest, EntryDeletedBehindTheWalkEndsItWithReadValueEnoent) {
+    TestMap map(kMap);
+    fill(map, 3);
+    const auto order = map.keys();
+    const BpfMapRO<uint32_t, uint64_t> handle(kMap);
+    // Someone else deletes the entry the walk is about to read.
+    auto result = handle.iterateWithValue([&](const uint32_t& key, const uint64_t&, const auto&) {
+        if (key == order[0]) map.erase(order[1]);
+        return Result<void>{};
+    });
+    ASSERT_FALSE(result.ok());
+    EXPECT_EQ("BpfMap::readValue() failed", result.error().message());
+    EXPECT_EQ(ENOENT, result.error().code());
+}
+
+TEST_F(BpfMapTest, ClearEmptiesTheMapAndLogsOnlyRealDeleteFailures) {
+    TestMap map(kMap, 2048);
+    fill(map, 1000);
+    BpfMap<uint32_t, uint64_t> handle(kMap);
+    // A key deleted by someone else (ENOENT) is no failure: clear goes on.
+    failBpfCommand(BPF_MAP_DELETE_ELEM, 5, ENOENT);
+    ASSERT_TRUE(handle.clear().ok());
+    EXPECT_EQ(0u, map.size());
+    EXPECT_TRUE(takeLogs().empty());
+
+    fill(map, 4);
+    resetInterposers();
+    failBpfCommand(BPF_MAP_DELETE_ELEM, 2, EPERM);
+    auto failed = handle.clear();
+    EXPECT_EQ("BpfMap::deleteValue() failed", failed.error().message());
+    EXPECT_EQ(EPERM, failed.error().code());
+    EXPECT_EQ(3u, map.size());
+    EXPECT_EQ(std::vector{untaggedError("Failed to delete data Operation not permitted")},
+              takeLogs());
+
+    resetInterposers();
+    failBpfCommand(BPF_MAP_GET_NEXT_KEY, 1, EACCES);
+    auto noFirst = handle.clear();
+    EXPECT_EQ("BpfMap::getFirstKey() failed", noFirst.error().message());
+    EXPECT_EQ(EACCES, noFirst.error().code());
+    EXPECT_TRUE(takeLogs().empty());
+}
+
+TEST_F(BpfMapTest, HandleClosesItsDescriptorAndKeepsErrno) {
+    TestMap map(kMap);
+    const int before = openFdCount();
+    {
+        BpfMap<uint32_t, uint64_t> rw(kMap);
+        const BpfMapRO<uint32_t, uint64_t> ro(kMap);
+        EXPECT_EQ(before + 2, openFdCount());
+        errno = EXDEV;
+    }
+    EXPECT_EQ(EXDEV, errno);
+    EXPECT_EQ(before, openFdCount());
+}
+
+// ---- Construction checks: every failure ends the process without a log line. ----
+
+using BpfMapDeathTest = BpfMapTest;
+
+TEST_F(BpfMapDeathTest, MissingOrMisshapenMapsAbort) {
+    expectAborts([&] { BpfMapRO<uint32_t, uint64_t>{kMap}; });
+    expectAborts([&] { BpfMap<uint32_t, uint64_t>{kMap}; });
+
+    RawMap wideKey(kMap.path, 8, 8);
+    expectAborts([&] { BpfMapRO<uint32_t, uint64_t>{kMap}; });
+    RawMap valueOneByteLonger(kMap.path, 4, 9);
+    expectAborts([&] { BpfMapRO<uint32_t, uint64_t>{kMap}; });
+    expectAborts([&] { BpfMap<uint32_t, uint64_t>{kMap}; });
+}
+
+// Today's kernels keep BPF_F_RDONLY and BPF_F_WRONLY with the descriptor and leave them out of
+// the map's reported flags, so a map reporting them is made up here.
+void reportMapFlags(uint32_t extra) {
+    setBpfHook([extra](int cmd, bpf_attr& attr, unsigned size, int) -> std::optional<long> {
+        if (cmd != BPF_OBJ_GET_INFO_BY_FD) return std::nullopt;
+        const long rv = realBpf(cmd, &attr, size);
+        reinterpret_cast<bpf_map_info*>(attr.info.info)->map_flags |= extra;
+        return rv;
+    });
+}
+
+TEST_F(BpfMapDeathTest, MapFlagsDecideWhichHandleMayOpenIt) {
+    TestMap map(kMap);
+    reportMapFlags(BPF_F_RDONLY);
+    const BpfMapRO<uint32_t, uint64_t> ro(kMap);
+    EXPECT_GE(ro.getMap().get(), 0) << "read-only maps are fine for reading";
+    expectAborts([&] { BpfMap<uint32_t, uint64_t>{kMap}; });
+
+    reportMapFlags(BPF_F_WRONLY);
+    expectAborts([&] { BpfMapRO<uint32_t, uint64_t>{kMap}; });
+    expectAborts([&] { BpfMap<uint32_t, uint64_t>{kMap}; });
+
+    reportMapFlags(BPF_F_NO_PREALLOC);
+    const BpfMap<uint32_t, uint64_t> rw(kMap);
+    EXPECT_GE(rw.getMap().get(), 0) << "other flags do not matter";
+}
+
+TEST_F(BpfMapDeathTest, InfoQueriesThatFailOrReplyShortAbort) {
+    TestMap map(kMap);
+    // Each of the three info queries (flags, key size, value size) is needed.
+    for (int nth = 1; nth <= 3; ++nth) {
+        SCOPED_TRACE(nth);
+        failBpfCommand(BPF_OBJ_GET_INFO_BY_FD, nth, EIO);
+        expectAborts([&] { BpfMapRO<uint32_t, uint64_t>{kMap}; });
+    }
+    // A kernel whose reply stops short of the flags word.
+    setBpfHook([](int cmd, bpf_attr& attr, unsigned size, int) -> std::optional<long> {
+        if (cmd != BPF_OBJ_GET_INFO_BY_FD) return std::nullopt;
+        const long rv = realBpf(cmd, &attr, size);
+        attr.info.info_len = 20;
+        return rv;
+    });
+    expectAborts([&] { BpfMapRO<uint32_t, uint64_t>{kMap}; });
+    EXPECT_TRUE(takeLogs().empty());
+}
+
+// ---- The shared lock of read-write openers. ----
+
+struct flock byteLock(short type, uint32_t id) {
+    struct flock lock{};
+    lock.l_type = type;
+    lock.l_whence = SEEK_SET;
+    lock.l_start = id;
+    lock.l_len = 1;
+    return lock;
+}
+
+int openRaw(const char* path) {
+    bpf_attr attr{};
+    attr.pathname = reinterpret_cast<uintptr_t>(path);
+    return static_cast<int>(realBpf(BPF_OBJ_GET, &attr, sizeof(attr)));
+}
+
+TEST_F(BpfMapDeathTest, ReadWriteOpenersShareTheLockAndAWriteLockExcludesThem) {
+    TestMap map(kMap);
+    const uint32_t id = map.id();
+    const int probe = openRaw(kMap.path);
+    ASSERT_GE(probe, 0);
+    {
+        BpfMap<uint32_t, uint64_t> first(kMap);
+        BpfMap<uint32_t, uint64_t> second(kMap);
+        ASSERT_TRUE(second.writeValue(1, 1, BPF_ANY).ok());
+        struct flock lock = byteLock(F_WRLCK, id);
+        EXPECT_EQ(-1, fcntl(probe, F_OFD_SETLK, &lock)) << "readers hold the byte";
+        EXPECT_EQ(EAGAIN, errno);
+        // Read-only openers take no lock.
+        const BpfMapRO<uint32_t, uint64_t> reader(kMap);
+    }
+    struct flock lock = byteLock(F_WRLCK, id);
+    ASSERT_EQ(0, fcntl(probe, F_OFD_SETLK, &lock)) << "closing the handles released the lock";
+    const BpfMapRO<uint32_t, uint64_t> reader(kMap);
+    expectAborts([&] { BpfMap<uint32_t, uint64_t>{kMap}; });
+    close(probe);
+}
+
+TEST_F(BpfMapDeathTest, MapIdDecidesWhetherTheLockCanBeTaken) {
+    TestMap map(kMap);
+    // Query order of a read-write open: the lock's id query comes first.
+    auto replyToFirstInfo = [](std::function<long(bpf_attr&)> reply) {
+        setBpfHook([reply](int cmd, bpf_attr& attr, unsigned, int nth) -> std::optional<long> {
+            if (cmd != BPF_OBJ_GET_INFO_BY_FD || nth != 1) return std::nullopt;
+            return reply(attr);
+        });
+    };
+    replyToFirstInfo([](bpf_attr&) {
+        errno = EINVAL;  // a kernel that cannot report map ids
+        return -1L;
+    });
+    {
+        BpfMap<uint32_t, uint64_t> unlocked(kMap);
+        const int probe = openRaw(kMap.path);
+        struct flock lock = byteLock(F_WRLCK, map.id());
+        EXPECT_EQ(0, fcntl(probe, F_OFD_SETLK, &lock)) << "no lock was taken";
+        close(probe);
+    }
+    replyToFirstInfo([](bpf_attr&) {
+        errno = EPERM;
+        return -1L;
+    });
+    expectAborts([&] { BpfMap<uint32_t, uint64_t>{kMap}; });
+    // Success with the zeroed buffer untouched: map id 0, which names no map.
+    replyToFirstInfo([](bpf_attr&) { return 0L; });
+    expectAborts([&] { BpfMap<uint32_t, uint64_t>{kMap}; });
+}
+
+}  // namespace
+}  // namespace kovra::test

@@ -1,0 +1,169 @@
+// Test harness for the services, on the real kernel.
+//
+// Each test process enters a mount namespace of its own and mounts a private bpffs at
+// /sys/fs/bpf, so maps are created and pinned at their real paths without touching the
+// machine's own. Maps are created and read back with raw bpf(2), independently of the library.
+// The test executable interposes three C functions the library calls:
+//   syscall               counts bpf commands and can fail or rewrite any of them;
+//   __android_log_print   captures every log line (priority, tag or null tag, text);
+//   uname                 can report a made-up release.
+// Only what the kernel cannot be made to do on demand is faked that way.
+#pragma once
+
+#include <linux/bpf.h>
+#include <signal.h>
+#include <unistd.h>
+#include <stdint.h>
+#include <string.h>
+
+#include <functional>
+#include <optional>
+#include <ostream>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include <kovrabpf/KovraPinnedMaps.h>
+
+namespace kovra::test {
+
+// ---- Log capture ----
+
+struct LogLine {
+    int priority;
+    std::optional<std::string> tag;  // nullopt: logged with a null tag
+    std::string text;
+    bool operator==(const LogLine& o) const {
+        return priority == o.priority && tag == o.tag && text == o.text;
+    }
+};
+std::ostream& operator<<(std::ostream& os, const LogLine& line);
+
+inline constexpr char kTag[] = "KovraBpfNetworkStats";
+inline LogLine errorLine(std::string text) { return {6, kTag, std::move(text)}; }
+inline LogLine debugLine(std::string text) { return {3, kTag, std::move(text)}; }
+inline LogLine untaggedError(std::string text) { return {6, std::nullopt, std::move(text)}; }
+
+// Returns the lines logged since the last call, and forgets them.
+std::vector<LogLine> takeLogs();
+
+// ---- bpf(2) interposition ----
+
+// The real system call, bypassing every hook.
+long realBpf(int cmd, void* attr, unsigned size);
+
+// Called for every bpf command the library (or the test) issues through syscall(). `nth` counts
+// this command from 1 since the hook was set (setting one restarts every count). Returning a value replaces the system
+// call (set errno yourself); nullopt lets it through.
+using BpfHook = std::function<std::optional<long>(int cmd, bpf_attr& attr, unsigned size, int nth)>;
+void setBpfHook(BpfHook hook);
+// Fails the nth call of `cmd` with `err`.
+void failBpfCommand(int cmd, int nth, int err);
+// bpf commands issued through syscall() since the last reset, by command.
+int bpfCommandCount(int cmd);
+// Clears hooks, counters and the uname override.
+void resetInterposers();
+
+// uname reports this release (nullopt: the kernel's), or fails when `fail` is set.
+void setUnameRelease(std::optional<std::string> release, bool fail = false);
+
+// ---- Maps ----
+
+// A map created with raw bpf(2), pinned at `path` (replacing whatever was pinned there) and kept
+// open until destruction.
+class RawMap {
+  public:
+    RawMap(const char* path, uint32_t keySize, uint32_t valueSize, uint32_t maxEntries = 4096,
+           uint32_t mapFlags = 0);
+    ~RawMap();
+    RawMap(RawMap&& other) noexcept : mFd(std::exchange(other.mFd, -1)) {}
+    RawMap(const RawMap&) = delete;
+    RawMap& operator=(const RawMap&) = delete;
+
+    int fd() const { return mFd; }
+    bool putRaw(const void* key, const void* value, uint64_t flags = BPF_ANY) const;
+    bool getRaw(const void* key, void* value) const;
+    bool eraseRaw(const void* key) const;
+    // The map's keys in the kernel's walk order.
+    std::vector<std::vector<uint8_t>> rawKeys(uint32_t keySize) const;
+    uint32_t id() const;
+
+  private:
+    int mFd;
+};
+
+template <typename K, typename V>
+class TestMap : public RawMap {
+  public:
+    explicit TestMap(const android::bpf::PinnedMap<K, V>& map, uint32_t maxEntries = 4096,
+                     uint32_t mapFlags = 0)
+        : RawMap(map.path, sizeof(K), sizeof(V), maxEntries, mapFlags) {}
+
+    bool put(const K& key, const V& value, uint64_t flags = BPF_ANY) const {
+        return putRaw(&key, &value, flags);
+    }
+    std::optional<V> get(const K& key) const {
+        V value;
+        if (!getRaw(&key, &value)) return std::nullopt;
+        return value;
+    }
+    bool erase(const K& key) const { return eraseRaw(&key); }
+    std::vector<K> keys() const {
+        std::vector<K> out;
+        for (const auto& raw : rawKeys(sizeof(K))) {
+            K key;
+            memcpy(&key, raw.data(), sizeof(K));
+            out.push_back(key);
+        }
+        return out;
+    }
+    size_t size() const { return rawKeys(sizeof(K)).size(); }
+};
+
+// Byte-wise equality for the kernel's plain records.
+template <typename T>
+bool sameBytes(const T& a, const T& b) {
+    return memcmp(&a, &b, sizeof(T)) == 0;
+}
+
+// ---- Descriptors ----
+
+int openFdCount();
+
+// Runs `call` and checks that it leaves the number of open descriptors as it found it.
+template <typename F>
+auto noLeak(F&& call) {
+    const int before = openFdCount();
+    auto result = call();
+    EXPECT_EQ(before, openFdCount()) << "a descriptor leaked";
+    return result;
+}
+
+// ---- Fixture ----
+
+// Enters the private bpffs once per process, empties it before every test (keeping the
+// netd_shared folder the platform map lives in) and resets the interposers. Without the
+// privileges a test skips, unless CI=true, where it fails: CI must run these tests.
+class KernelTest : public ::testing::Test {
+  protected:
+    void SetUp() override;
+    void TearDown() override;
+};
+
+// Expects `statement` to end the process through abort(). Runs in a forked child (see below).
+inline void expectAborts(const std::function<void()>& statement) {
+    EXPECT_EXIT(
+            {
+                statement();
+                _exit(0);
+            },
+            ::testing::KilledBySignal(SIGABRT), "");
+}
+
+// Death tests that must start from a fresh process (the cached kernel version) re-execute the
+// test binary; everything else forks, so maps made before the death statement are visible.
+void useReexecDeathTests();
+
+}  // namespace kovra::test

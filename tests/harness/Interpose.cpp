@@ -1,0 +1,159 @@
+// The test executable's own definitions of syscall, __android_log_print and uname. The library
+// reaches these C functions through the dynamic linker, which finds the executable's first;
+// each forwards to the next definition (libc's or a sanitizer's) unless a test says otherwise.
+#include <dlfcn.h>
+#include <errno.h>
+#include <stdarg.h>
+#include <stdio.h>
+#include <string.h>
+#include <sys/syscall.h>
+#include <sys/utsname.h>
+
+#include <map>
+#include <mutex>
+
+#include "Harness.h"
+
+namespace kovra::test {
+namespace {
+
+using SyscallFn = long (*)(long, ...);
+using UnameFn = int (*)(struct utsname*);
+
+template <typename Fn>
+Fn next(const char* name) {
+    static_assert(sizeof(Fn) == sizeof(void*));
+    void* sym = dlsym(RTLD_NEXT, name);
+    if (sym == nullptr) {
+        fprintf(stderr, "harness: no next definition of %s\n", name);
+        abort();
+    }
+    Fn fn;
+    memcpy(&fn, &sym, sizeof(fn));
+    return fn;
+}
+
+struct State {
+    std::mutex lock;
+    std::vector<LogLine> logs;
+    BpfHook hook;
+    std::map<int, int> bpfCounts;
+    std::optional<std::string> unameRelease;
+    bool unameFails = false;
+};
+
+State& state() {
+    static State* s = new State;  // never destroyed: atexit handlers may still log
+    return *s;
+}
+
+}  // namespace
+
+std::ostream& operator<<(std::ostream& os, const LogLine& line) {
+    return os << "{prio " << line.priority << ", tag " << (line.tag ? '"' + *line.tag + '"' : "null")
+              << ", \"" << line.text << "\"}";
+}
+
+std::vector<LogLine> takeLogs() {
+    std::lock_guard guard(state().lock);
+    return std::exchange(state().logs, {});
+}
+
+long realBpf(int cmd, void* attr, unsigned size) {
+    static const SyscallFn real = next<SyscallFn>("syscall");
+    return real(SYS_bpf, cmd, attr, size);
+}
+
+void setBpfHook(BpfHook hook) {
+    std::lock_guard guard(state().lock);
+    state().hook = std::move(hook);
+    state().bpfCounts.clear();
+}
+
+void failBpfCommand(int cmd, int nth, int err) {
+    setBpfHook([=](int c, bpf_attr&, unsigned, int n) -> std::optional<long> {
+        if (c != cmd || n != nth) return std::nullopt;
+        errno = err;
+        return -1;
+    });
+}
+
+int bpfCommandCount(int cmd) {
+    std::lock_guard guard(state().lock);
+    return state().bpfCounts[cmd];
+}
+
+void resetInterposers() {
+    std::lock_guard guard(state().lock);
+    state().hook = nullptr;
+    state().bpfCounts.clear();
+    state().unameRelease.reset();
+    state().unameFails = false;
+}
+
+void setUnameRelease(std::optional<std::string> release, bool fail) {
+    std::lock_guard guard(state().lock);
+    state().unameRelease = std::move(release);
+    state().unameFails = fail;
+}
+
+}  // namespace kovra::test
+
+using namespace kovra::test;
+
+extern "C" long syscall(long number, ...) {
+    static const SyscallFn real = next<SyscallFn>("syscall");
+    // syscall() takes up to six register-sized arguments; passing them all on is what every
+    // wrapper of it does.
+    va_list ap;
+    va_start(ap, number);
+    long a[6];
+    for (long& arg : a) arg = va_arg(ap, long);
+    va_end(ap);
+
+    if (number == SYS_bpf) {
+        BpfHook hook;
+        int nth;
+        {
+            std::lock_guard guard(state().lock);
+            nth = ++state().bpfCounts[static_cast<int>(a[0])];
+            hook = state().hook;
+        }
+        if (hook) {
+            auto* attr = reinterpret_cast<bpf_attr*>(a[1]);
+            if (auto reply = hook(static_cast<int>(a[0]), *attr, static_cast<unsigned>(a[2]), nth)) {
+                return *reply;
+            }
+        }
+    }
+    return real(number, a[0], a[1], a[2], a[3], a[4], a[5]);
+}
+
+extern "C" int __android_log_print(int prio, const char* tag, const char* fmt, ...) {
+    va_list ap;
+    va_start(ap, fmt);
+    char buf[1024];
+    vsnprintf(buf, sizeof(buf), fmt, ap);
+    va_end(ap);
+    std::lock_guard guard(state().lock);
+    state().logs.push_back({prio, tag ? std::optional<std::string>(tag) : std::nullopt, buf});
+    return 1;
+}
+
+extern "C" int uname(struct utsname* buf) {
+    static const UnameFn real = next<UnameFn>("uname");
+    std::optional<std::string> release;
+    {
+        std::lock_guard guard(state().lock);
+        if (state().unameFails) {
+            errno = EFAULT;
+            return -1;
+        }
+        release = state().unameRelease;
+    }
+    const int rv = real(buf);
+    if (rv == 0 && release) {
+        snprintf(buf->release, sizeof(buf->release), "%s", release->c_str());
+    }
+    return rv;
+}
