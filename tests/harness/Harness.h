@@ -2,7 +2,8 @@
 //
 // Each test process enters a mount namespace of its own and mounts a private bpffs at
 // /sys/fs/bpf, so maps are created and pinned at their real paths without touching the
-// machine's own. Maps are created and read back with raw bpf(2), independently of the library.
+// machine's own. Maps are created and read back with raw bpf(2), independently of the library
+// (Bpffs.h, shared with the benchmarks and fuzz targets).
 // The test executable interposes three C functions the library calls:
 //   syscall               counts bpf commands and can fail or rewrite any of them;
 //   __android_log_print   captures every log line (priority, tag or null tag, text);
@@ -25,7 +26,7 @@
 
 #include <gtest/gtest.h>
 
-#include <kovrabpf/KovraPinnedMaps.h>
+#include "Bpffs.h"
 
 namespace kovra::test {
 
@@ -51,9 +52,6 @@ std::vector<LogLine> takeLogs();
 
 // ---- bpf(2) interposition ----
 
-// The real system call, bypassing every hook.
-long realBpf(int cmd, void* attr, unsigned size);
-
 // Called for every bpf command the library (or the test) issues through syscall(). `nth` counts
 // this command from 1 since the hook was set (setting one restarts every count). Returning a value replaces the system
 // call (set errno yourself); nullopt lets it through.
@@ -69,68 +67,7 @@ void resetInterposers();
 // uname reports this release (nullopt: the kernel's), or fails when `fail` is set.
 void setUnameRelease(std::optional<std::string> release, bool fail = false);
 
-// ---- Maps ----
-
-// A map created with raw bpf(2), pinned at `path` (replacing whatever was pinned there) and kept
-// open until destruction.
-class RawMap {
-  public:
-    RawMap(const char* path, uint32_t keySize, uint32_t valueSize, uint32_t maxEntries = 4096,
-           uint32_t mapFlags = 0);
-    ~RawMap();
-    RawMap(RawMap&& other) noexcept : mFd(std::exchange(other.mFd, -1)) {}
-    RawMap(const RawMap&) = delete;
-    RawMap& operator=(const RawMap&) = delete;
-
-    int fd() const { return mFd; }
-    bool putRaw(const void* key, const void* value, uint64_t flags = BPF_ANY) const;
-    bool getRaw(const void* key, void* value) const;
-    bool eraseRaw(const void* key) const;
-    // The map's keys in the kernel's walk order.
-    std::vector<std::vector<uint8_t>> rawKeys(uint32_t keySize) const;
-    uint32_t id() const;
-
-  private:
-    int mFd;
-};
-
-template <typename K, typename V>
-class TestMap : public RawMap {
-  public:
-    explicit TestMap(const android::bpf::PinnedMap<K, V>& map, uint32_t maxEntries = 4096,
-                     uint32_t mapFlags = 0)
-        : RawMap(map.path, sizeof(K), sizeof(V), maxEntries, mapFlags) {}
-
-    bool put(const K& key, const V& value, uint64_t flags = BPF_ANY) const {
-        return putRaw(&key, &value, flags);
-    }
-    std::optional<V> get(const K& key) const {
-        V value;
-        if (!getRaw(&key, &value)) return std::nullopt;
-        return value;
-    }
-    bool erase(const K& key) const { return eraseRaw(&key); }
-    std::vector<K> keys() const {
-        std::vector<K> out;
-        for (const auto& raw : rawKeys(sizeof(K))) {
-            K key;
-            memcpy(&key, raw.data(), sizeof(K));
-            out.push_back(key);
-        }
-        return out;
-    }
-    size_t size() const { return rawKeys(sizeof(K)).size(); }
-};
-
-// Byte-wise equality for the kernel's plain records.
-template <typename T>
-bool sameBytes(const T& a, const T& b) {
-    return memcmp(&a, &b, sizeof(T)) == 0;
-}
-
 // ---- Descriptors ----
-
-int openFdCount();
 
 // Runs `call` and checks that it leaves the number of open descriptors as it found it.
 template <typename F>

@@ -59,11 +59,6 @@ std::vector<LogLine> takeLogs() {
     return std::exchange(state().logs, {});
 }
 
-long realBpf(int cmd, void* attr, unsigned size) {
-    static const SyscallFn real = next<SyscallFn>("syscall");
-    return real(SYS_bpf, cmd, attr, size);
-}
-
 void setBpfHook(BpfHook hook) {
     std::lock_guard guard(state().lock);
     state().hook = std::move(hook);

@@ -1,15 +1,7 @@
-#include <dirent.h>
 #include <errno.h>
-#include <fcntl.h>
 #include <ftw.h>
-#include <sched.h>
 #include <stdlib.h>
-#include <sys/mount.h>
 #include <sys/stat.h>
-#include <unistd.h>
-
-#include <set>
-#include <sstream>
 
 #include "Harness.h"
 
@@ -17,43 +9,11 @@ namespace kovra::test {
 namespace {
 
 constexpr char kBpffs[] = "/sys/fs/bpf";
-// Set once this process (or the one that re-executed it for a death test) sits in its own
-// mount namespace, so a re-executed child reuses its parent's bpffs instead of mounting another.
-constexpr char kInSandbox[] = "KOVRA_TEST_IN_PRIVATE_BPFFS";
-
-// A fresh bpffs already holds the kernel's own entries (maps.debug, progs.debug); they stay.
-// Their names travel in the sandbox variable, so a re-executed child knows them too.
-std::set<std::string> preloaded;
-
-std::string enterPrivateBpffs() {
-    if (const char* names = getenv(kInSandbox)) {
-        std::istringstream in(names);
-        for (std::string name; std::getline(in, name, '/');) preloaded.insert(name);
-        return "";
-    }
-    if (geteuid() != 0) return "needs root (CAP_SYS_ADMIN and CAP_BPF) for a private bpffs";
-    if (unshare(CLONE_NEWNS) != 0) return std::string("unshare(CLONE_NEWNS): ") + strerror(errno);
-    // Without this our bpffs mount would propagate back into the machine's namespace.
-    if (mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0) {
-        return std::string("making / private: ") + strerror(errno);
-    }
-    if (mount("bpf", kBpffs, "bpf", 0, nullptr) != 0) {
-        return std::string("mounting bpffs: ") + strerror(errno);
-    }
-    std::string names;
-    if (DIR* dir = opendir(kBpffs)) {
-        while (dirent* entry = readdir(dir)) {
-            preloaded.insert(entry->d_name);
-            names += std::string(entry->d_name) + "/";
-        }
-        closedir(dir);
-    }
-    setenv(kInSandbox, names.c_str(), 1);
-    return "";
-}
 
 int removeEntry(const char* path, const struct stat*, int, struct FTW* ftw) {
-    if (ftw->level == 0 || (ftw->level == 1 && preloaded.count(path + ftw->base))) return 0;
+    if (ftw->level == 0 || (ftw->level == 1 && preloadedBpffsEntries().count(path + ftw->base))) {
+        return 0;
+    }
     return remove(path) == 0 ? 0 : -1;
 }
 
@@ -62,14 +22,14 @@ void emptyBpffs() {
     ASSERT_EQ(0, mkdir("/sys/fs/bpf/netd_shared", 0700)) << strerror(errno);
 }
 
-long bpfAttr(int cmd, bpf_attr& attr) { return realBpf(cmd, &attr, sizeof(attr)); }
-
-uint64_t ptr(const void* p) { return reinterpret_cast<uintptr_t>(p); }
+void failTheTest(const std::string& what) {
+    ADD_FAILURE() << what;
+}
 
 }  // namespace
 
 void KernelTest::SetUp() {
-    static const std::string problem = enterPrivateBpffs();
+    const std::string problem = enterPrivateBpffs();
     if (!problem.empty()) {
         const char* ci = getenv("CI");
         if (ci != nullptr && strcmp(ci, "true") == 0) {
@@ -77,96 +37,18 @@ void KernelTest::SetUp() {
         }
         GTEST_SKIP() << "kernel-map test skipped: " << problem;
     }
+    setFailureReporter(failTheTest);
     resetInterposers();
     emptyBpffs();
     takeLogs();
 }
 
-void KernelTest::TearDown() { resetInterposers(); }
-
-void useReexecDeathTests() { GTEST_FLAG_SET(death_test_style, "threadsafe"); }
-
-RawMap::RawMap(const char* path, uint32_t keySize, uint32_t valueSize, uint32_t maxEntries,
-               uint32_t mapFlags) {
-    bpf_attr attr{};
-    attr.map_type = BPF_MAP_TYPE_HASH;
-    attr.key_size = keySize;
-    attr.value_size = valueSize;
-    attr.max_entries = maxEntries;
-    attr.map_flags = mapFlags;
-    mFd = static_cast<int>(bpfAttr(BPF_MAP_CREATE, attr));
-    if (mFd < 0) {
-        ADD_FAILURE() << "creating map for " << path << ": " << strerror(errno);
-        return;
-    }
-    unlink(path);
-    bpf_attr pin{};
-    pin.pathname = ptr(path);
-    pin.bpf_fd = static_cast<uint32_t>(mFd);
-    if (bpfAttr(BPF_OBJ_PIN, pin) != 0) ADD_FAILURE() << "pinning " << path << ": " << strerror(errno);
+void KernelTest::TearDown() {
+    resetInterposers();
 }
 
-RawMap::~RawMap() {
-    if (mFd >= 0) close(mFd);
-}
-
-bool RawMap::putRaw(const void* key, const void* value, uint64_t flags) const {
-    bpf_attr attr{};
-    attr.map_fd = static_cast<uint32_t>(mFd);
-    attr.key = ptr(key);
-    attr.value = ptr(value);
-    attr.flags = flags;
-    return bpfAttr(BPF_MAP_UPDATE_ELEM, attr) == 0;
-}
-
-bool RawMap::getRaw(const void* key, void* value) const {
-    bpf_attr attr{};
-    attr.map_fd = static_cast<uint32_t>(mFd);
-    attr.key = ptr(key);
-    attr.value = ptr(value);
-    return bpfAttr(BPF_MAP_LOOKUP_ELEM, attr) == 0;
-}
-
-bool RawMap::eraseRaw(const void* key) const {
-    bpf_attr attr{};
-    attr.map_fd = static_cast<uint32_t>(mFd);
-    attr.key = ptr(key);
-    return bpfAttr(BPF_MAP_DELETE_ELEM, attr) == 0;
-}
-
-std::vector<std::vector<uint8_t>> RawMap::rawKeys(uint32_t keySize) const {
-    std::vector<std::vector<uint8_t>> keys;
-    std::vector<uint8_t> next(keySize);
-    const void* current = nullptr;
-    while (true) {
-        bpf_attr attr{};
-        attr.map_fd = static_cast<uint32_t>(mFd);
-        attr.key = ptr(current);
-        attr.next_key = ptr(next.data());
-        if (bpfAttr(BPF_MAP_GET_NEXT_KEY, attr) != 0) break;
-        keys.push_back(next);
-        current = keys.back().data();
-    }
-    return keys;
-}
-
-uint32_t RawMap::id() const {
-    bpf_map_info info{};
-    bpf_attr attr{};
-    attr.info.bpf_fd = static_cast<uint32_t>(mFd);
-    attr.info.info_len = sizeof(info);
-    attr.info.info = ptr(&info);
-    EXPECT_EQ(0, bpfAttr(BPF_OBJ_GET_INFO_BY_FD, attr)) << strerror(errno);
-    return info.id;
-}
-
-int openFdCount() {
-    DIR* dir = opendir("/proc/self/fd");
-    if (dir == nullptr) return -1;
-    int count = 0;
-    while (readdir(dir) != nullptr) ++count;
-    closedir(dir);
-    return count;
+void useReexecDeathTests() {
+    GTEST_FLAG_SET(death_test_style, "threadsafe");
 }
 
 }  // namespace kovra::test
