@@ -17,7 +17,7 @@ run_suite() {  # run_suite BUILD_DIR [cmake options...]
 }
 
 echo "== sanitized build (ASan + UBSan)"
-ASAN_OPTIONS=detect_leaks=1 run_suite build/asan -DKOVRA_SANITIZE=ON
+ASAN_OPTIONS=detect_leaks=1 run_suite build/asan -DKOVRA_SANITIZE=ON -DKOVRA_BUILD_BENCH=OFF
 echo "== plain build"
 run_suite build/release
 exit $status

@@ -1,0 +1,33 @@
+// The benchmarks run on real maps in a private bpffs, so they need root like the kernel-map tests;
+// without it they exit with 77 (a skip for ctest), or fail when CI=true.
+#include <stdio.h>
+#include <stdlib.h>
+#include <string.h>
+#include <sys/stat.h>
+
+#include <benchmark/benchmark.h>
+
+#include "Bench.h"
+
+namespace kovra::bench {
+void registerWalkBenchmarks();
+void registerOpenAndClearBenchmarks();
+}  // namespace kovra::bench
+
+int main(int argc, char** argv) {
+    const std::string problem = kovra::test::enterPrivateBpffs();
+    if (!problem.empty()) {
+        fprintf(stderr, "benchmarks cannot run: %s\n", problem.c_str());
+        const char* ci = getenv("CI");
+        return ci != nullptr && strcmp(ci, "true") == 0 ? 1 : 77;
+    }
+    // The platform's statistics map lives one folder down.
+    mkdir("/sys/fs/bpf/netd_shared", 0700);
+    kovra::bench::registerWalkBenchmarks();
+    kovra::bench::registerOpenAndClearBenchmarks();
+    benchmark::Initialize(&argc, argv);
+    if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 1;
+    benchmark::RunSpecifiedBenchmarks();
+    benchmark::Shutdown();
+    return kovra::bench::anyFailed ? 1 : 0;
+}

@@ -1,0 +1,137 @@
+// What a call costs before and after its work (opening and closing a map handle, read-only and
+// read-write), a single-entry service, and clear() on maps of growing size and max_entries.
+#include <fcntl.h>
+
+#include <kovrabpf/KovraPinnedMaps.h>
+
+#include "Bench.h"
+
+namespace kovra::bench {
+namespace {
+
+using namespace android::bpf;
+
+constexpr int64_t kSingleEntryMapSize = 1 << 10;
+
+// One info query as the handle makes it: a fresh 88-byte reply buffer, one word read.
+uint32_t infoWord(int fd, size_t offset) {
+    alignas(8) uint8_t info[88] = {};
+    bpf_attr attr{};
+    attr.info.bpf_fd = static_cast<uint32_t>(fd);
+    attr.info.info_len = sizeof(info);
+    attr.info.info = ptr(info);
+    if (bpf(BPF_OBJ_GET_INFO_BY_FD, attr) != 0) abort();
+    uint32_t word;
+    memcpy(&word, info + offset, sizeof(word));
+    return word;
+}
+
+// The floor of an open and close: the same commands as the handle's, with nothing around them.
+// A read-write open locks one byte at the map's id first.
+void rawOpenAndClose(benchmark::State& state, bool writable) {
+    seeded(maps::kUidPurStats, kSingleEntryMapSize, derivedFrom<uint32_t, KovraStatsValue>);
+    for (auto _ : state) {
+        const int fd = openPinned(maps::kUidPurStats.path, writable ? 0 : BPF_F_RDONLY);
+        if (writable) {
+            struct flock lock {};
+            lock.l_type = F_RDLCK;
+            lock.l_start = infoWord(fd, offsetof(bpf_map_info, id));
+            lock.l_len = 1;
+            if (fcntl(fd, F_OFD_SETLK, &lock) != 0) abort();
+        }
+        const bool fits =
+                !(infoWord(fd, offsetof(bpf_map_info, map_flags)) & BPF_F_WRONLY) &&
+                infoWord(fd, offsetof(bpf_map_info, key_size)) == sizeof(uint32_t) &&
+                infoWord(fd, offsetof(bpf_map_info, value_size)) == sizeof(KovraStatsValue);
+        if (!fits) abort();
+        close(fd);
+    }
+}
+
+template <typename Handle>
+void openAndClose(benchmark::State& state) {
+    seeded(maps::kUidPurStats, kSingleEntryMapSize, derivedFrom<uint32_t, KovraStatsValue>);
+    for (auto _ : state) {
+        Handle handle(maps::kUidPurStats);
+        benchmark::DoNotOptimize(handle.getMap().get());
+    }
+}
+
+void singleUidLookup(benchmark::State& state) {
+    seeded(maps::kUidPurStats, kSingleEntryMapSize, derivedFrom<uint32_t, KovraStatsValue>);
+    const uint32_t uid = keyAt<uint32_t>(7);
+    KovraStatsValue out;
+    for (auto _ : state) {
+        if (bpfGetUidPurStats(uid, out) != 0) fail(state, "lookup failed");
+    }
+}
+
+// clear() deletes the first key until there is none. The map is made and filled outside the
+// timed region; `entries` of `maxEntries` are filled.
+using Cleared = PinnedMap<uint64_t, AppFreezeStatsInfo>;
+constexpr Cleared kCleared = maps::kAppFreezeStats;
+auto* const kMake = derivedFrom<uint64_t, AppFreezeStatsInfo>;
+
+enum class Clearer { kService, kRaw, kBatch };
+
+void emptyOnce(Clearer how, int fd) {
+    switch (how) {
+        case Clearer::kService:
+            if (!BpfMap<uint64_t, AppFreezeStatsInfo>(kCleared).clear().ok()) abort();
+            break;
+        case Clearer::kRaw:
+            rawClear<uint64_t>(fd);
+            break;
+        case Clearer::kBatch: {
+            std::vector<uint64_t> keys(1024);
+            std::vector<AppFreezeStatsInfo> values(1024);
+            batchRead(fd, BPF_MAP_LOOKUP_AND_DELETE_BATCH, keys, values,
+                      [](const uint64_t&, const AppFreezeStatsInfo&) {});
+            break;
+        }
+    }
+}
+
+void clearing(benchmark::State& state, Clearer how) {
+    const int64_t entries = state.range(0);
+    const RawMap map(kCleared.path, sizeof(uint64_t), sizeof(AppFreezeStatsInfo),
+                     static_cast<uint32_t>(state.range(1)));
+    fill(map, entries, kMake);
+    for (auto _ : state) {
+        emptyOnce(how, map.fd());
+        refillUntimed(state, map, entries, kMake);
+    }
+    perEntry(state, entries);
+}
+
+}  // namespace
+
+void registerOpenAndClearBenchmarks() {
+    benchmark::RegisterBenchmark("open read-only/service",
+                                 openAndClose<BpfMapRO<uint32_t, KovraStatsValue>>);
+    benchmark::RegisterBenchmark("open read-only/raw", rawOpenAndClose, false);
+    benchmark::RegisterBenchmark("open read-write/service",
+                                 openAndClose<BpfMap<uint32_t, KovraStatsValue>>);
+    benchmark::RegisterBenchmark("open read-write/raw", rawOpenAndClose, true);
+    benchmark::RegisterBenchmark("bpfGetUidPurStats/service", singleUidLookup);
+
+    const std::pair<Clearer, const char*> clearers[] = {{Clearer::kService, "clear/service"},
+                                                        {Clearer::kRaw, "clear/raw"},
+                                                        {Clearer::kBatch, "clear/batch"}};
+    // Full maps of growing size, then small fillings of a large map: the first-key scan of a
+    // hash map grows with its buckets, not with its entries.
+    const std::pair<int64_t, int64_t> shapes[] = {{1 << 10, 1 << 10},
+                                                  {10 << 10, 10 << 10},
+                                                  {64 << 10, 64 << 10},
+                                                  {1 << 10, 64 << 10},
+                                                  {10 << 10, 64 << 10}};
+    for (const auto& [entries, maxEntries] : shapes) {
+        for (const auto& [how, name] : clearers) {
+            benchmark::RegisterBenchmark(name, clearing, how)
+                    ->ArgNames({"n", "max"})
+                    ->Args({entries, maxEntries});
+        }
+    }
+}
+
+}  // namespace kovra::bench

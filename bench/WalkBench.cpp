@@ -1,0 +1,118 @@
+// Every walking service beside its two floors, over the same seeded map at every size:
+//   <service>/service/<n>   the library's service;
+//   <service>/raw/<n>       the same algorithm in raw bpf(2) into the same kind of table;
+//   <service>/batch/<n>     the kernel's batched read into the same kind of table.
+// A service that empties its map (a harvest) is refilled outside the timed region, and its
+// floors empty the map the same way the service does: key by key, or in the batch itself.
+
+#include <string>
+#include <unordered_map>
+
+#include <kovrabpf/KovraPinnedMaps.h>
+
+#include "Bench.h"
+
+namespace kovra::bench {
+namespace {
+
+using namespace android::bpf;
+
+enum class After { kKeep, kEmpty };
+
+template <typename K, typename V, typename Table, typename Store>
+void runRaw(benchmark::State& state, const PinnedMap<K, V>& map, V (*make)(const K&), Store store,
+            After after) {
+    const int64_t n = state.range(0);
+    const RawMap& pinned = seeded(map, n, make);
+    Table out;
+    for (auto _ : state) {
+        out.clear();
+        const int fd = openPinned(map.path, after == After::kEmpty ? 0 : BPF_F_RDONLY);
+        rawWalk<K, V>(fd, [&](const K& key, const V& value) { store(out, key, value); });
+        if (after == After::kEmpty) rawClear<K>(fd);
+        close(fd);
+        if (after == After::kEmpty) refillUntimed(state, pinned, n, make);
+    }
+    if (static_cast<int64_t>(out.size()) != n) fail(state, "the walk missed entries");
+    perEntry(state, n);
+}
+
+template <typename K, typename V, typename Table, typename Store>
+void runBatch(benchmark::State& state, const PinnedMap<K, V>& map, V (*make)(const K&), Store store,
+              After after) {
+    const int64_t n = state.range(0);
+    const RawMap& pinned = seeded(map, n, make);
+    std::vector<K> keys(n);
+    std::vector<V> values(n);
+    Table out;
+    for (auto _ : state) {
+        out.clear();
+        const int fd = openPinned(map.path, after == After::kEmpty ? 0 : BPF_F_RDONLY);
+        const int command =
+                after == After::kEmpty ? BPF_MAP_LOOKUP_AND_DELETE_BATCH : BPF_MAP_LOOKUP_BATCH;
+        batchRead(fd, command, keys, values,
+                  [&](const K& key, const V& value) { store(out, key, value); });
+        close(fd);
+        if (after == After::kEmpty) refillUntimed(state, pinned, n, make);
+    }
+    if (static_cast<int64_t>(out.size()) != n) fail(state, "the batch missed entries");
+    perEntry(state, n);
+}
+
+template <typename K, typename V, typename Table, typename Service>
+void runService(benchmark::State& state, const PinnedMap<K, V>& map, V (*make)(const K&),
+                Service service, After after) {
+    const int64_t n = state.range(0);
+    const RawMap& pinned = seeded(map, n, make);
+    Table out;
+    for (auto _ : state) {
+        out.clear();
+        if (service(out) != 0) fail(state, "the service failed");
+        if (after == After::kEmpty) refillUntimed(state, pinned, n, make);
+    }
+    if (static_cast<int64_t>(out.size()) != n) fail(state, "the service missed entries");
+    perEntry(state, n);
+}
+
+// Registers a service and its floors at every size, the three side by side for each size.
+// `store` puts one entry into the table the way the service does.
+template <typename Table, typename K, typename V, typename Service, typename Store>
+void registerWalk(const std::string& name, const PinnedMap<K, V>& map, V (*make)(const K&),
+                  Service service, Store store, After after = After::kKeep) {
+    for (int64_t n : kSizes) {
+        auto add = [n](const std::string& variant, auto run) {
+            benchmark::RegisterBenchmark(variant.c_str(), run)->ArgName("n")->Arg(n);
+        };
+        add(name + "/service",
+            [=](benchmark::State& s) { runService<K, V, Table>(s, map, make, service, after); });
+        add(name + "/raw",
+            [=](benchmark::State& s) { runRaw<K, V, Table>(s, map, make, store, after); });
+        add(name + "/batch",
+            [=](benchmark::State& s) { runBatch<K, V, Table>(s, map, make, store, after); });
+    }
+}
+
+using UidTotals = std::unordered_map<int64_t, KovraStatsValue>;
+
+KovraStatsValue widened(const StatsValue& stats) {
+    KovraStatsValue value{};
+    memcpy(&value, &stats, sizeof(stats));
+    return value;
+}
+
+}  // namespace
+
+void registerWalkBenchmarks() {
+    registerWalk<UidTotals>("bpfGetUidStatsTotal", maps::kNetdAppUidStats,
+                            derivedFrom<uint32_t, StatsValue>, bpfGetUidStatsTotal,
+                            [](UidTotals& out, const uint32_t& uid, const StatsValue& v) {
+                                out.try_emplace(int64_t{uid}, widened(v));
+                            });
+    registerWalk<UidTotals>("bpfGetUidPurStatsTotal", maps::kUidPurStats,
+                            derivedFrom<uint32_t, KovraStatsValue>, bpfGetUidPurStatsTotal,
+                            [](UidTotals& out, const uint32_t& uid, const KovraStatsValue& v) {
+                                out.try_emplace(int64_t{uid}, v);
+                            });
+}
+
+}  // namespace kovra::bench
