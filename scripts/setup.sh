@@ -7,6 +7,7 @@ packages=(
     cmake g++ make binutils pkg-config
     android-libbase-dev android-liblog-dev libfmt-dev
     libgtest-dev libbenchmark-dev
+    clang libclang-rt-14-dev valgrind
     "$@"
 )
 

@@ -1,7 +1,9 @@
 #!/usr/bin/env bash
 # Sets up, builds and runs every test: a sanitized build (AddressSanitizer and
 # UndefinedBehaviorSanitizer) first, then the same tests cross-built for 64-bit Arm on an arm64
-# kernel under qemu, then the plain build, whose ctest summary closes the run.
+# kernel under qemu, then a bounded libFuzzer run of every fuzz target, then the plain build,
+# whose tests run once under valgrind's memcheck and once as they are; that last ctest summary
+# closes the run.
 # The kernel-map tests need root; with CI=true they fail rather than skip without it.
 set -uo pipefail
 cd "$(dirname "$0")/.."
@@ -9,18 +11,30 @@ bash scripts/setup.sh || exit 1
 
 jobs=$(nproc)
 status=0
-run_suite() {  # run_suite BUILD_DIR [cmake options...]
+build() {  # build BUILD_DIR [cmake options...]
     local dir=$1
     shift
     cmake -S . -B "$dir" -DCMAKE_BUILD_TYPE=RelWithDebInfo "$@" >/dev/null &&
-        cmake --build "$dir" -j "$jobs" &&
-        (cd "$dir" && ctest -j "$jobs" --output-on-failure --timeout 300) || status=1
+        cmake --build "$dir" -j "$jobs"
+}
+check() {  # check BUILD_DIR
+    (cd "$1" && ctest -j "$jobs" --output-on-failure --timeout 300)
 }
 
 echo "== sanitized build (ASan + UBSan)"
-ASAN_OPTIONS=detect_leaks=1 run_suite build/asan -DKOVRA_SANITIZE=ON -DKOVRA_BUILD_BENCH=OFF
+export ASAN_OPTIONS=detect_leaks=1
+{ build build/asan -DKOVRA_SANITIZE=ON -DKOVRA_BUILD_BENCH=OFF && check build/asan; } || status=1
+unset ASAN_OPTIONS
 echo "== arm64 kernel (qemu)"
 bash scripts/test-arm64.sh || status=1
+echo "== fuzzing (libFuzzer, ASan + UBSan)"
+bash scripts/fuzz.sh || status=1
 echo "== plain build"
-run_suite build/release
+if build build/release; then
+    echo "== valgrind memcheck (plain build)"
+    bash scripts/memcheck.sh build/release || status=1
+    check build/release || status=1
+else
+    status=1
+fi
 exit $status
