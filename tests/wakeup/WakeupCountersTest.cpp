@@ -126,13 +126,7 @@ using WakeupCountersDeathTest = WakeupCountersTest;
 TEST_F(WakeupCountersDeathTest, ReadersAcceptAReadOnlyMapTheHeartbeatWriterRefuses) {
     forEachReader([](const auto& r, size_t) { TestMap map(r.map); });
     TestMap hbLen(maps::kImAppHbLen);
-    // Today's kernels leave BPF_F_RDONLY out of the reported map flags, so the reply is doctored.
-    setBpfHook([](int cmd, bpf_attr& attr, unsigned size, int) -> std::optional<long> {
-        if (cmd != BPF_OBJ_GET_INFO_BY_FD) return std::nullopt;
-        const long rv = realBpf(cmd, &attr, size);
-        reinterpret_cast<bpf_map_info*>(attr.info.info)->map_flags |= BPF_F_RDONLY;
-        return rv;
-    });
+    reportMapFlags(BPF_F_RDONLY);
     forEachReader([](const auto& r, size_t) {
         SCOPED_TRACE(r.name);
         EXPECT_EQ(0, readIntoEmptyTable(r));
