@@ -1,7 +1,8 @@
 // The exact bpf(2) commands each service issues for a map of n entries. A walk costs one key
-// step per entry plus the closing one and one lookup per entry; a read-only open costs the
-// object fetch and three info queries (flags, key size, value size); a read-write open adds the
-// info query for the lock's map id. Anything more is waste, anything less a skipped step.
+// step per entry plus the closing one and one lookup per entry; a clear one first-key step per
+// entry plus the closing one and one delete per entry; a read-only open costs the object fetch
+// and three info queries (flags, key size, value size); a read-write open adds the info query
+// for the lock's map id. Anything more is waste, anything less a skipped step.
 #include <functional>
 
 #include "Harness.h"
@@ -24,11 +25,23 @@ struct Budget {
 Budget readOnlyOpen() {
     return {.objGet = 1, .info = 3};
 }
+Budget readWriteOpen() {
+    return {.objGet = 1, .info = 4};
+}
 Budget walk(int n) {
     return {.nextKey = n + 1, .lookup = n};
 }
+Budget clearing(int n) {
+    return {.nextKey = n + 1, .erase = n};
+}
 Budget lookups(int n) {
     return {.lookup = n};
+}
+Budget updates(int n) {
+    return {.update = n};
+}
+Budget deletes(int n) {
+    return {.erase = n};
 }
 
 Budget issued() {
@@ -51,54 +64,135 @@ bool operator==(const Budget& a, const Budget& b) {
            a.lookup == b.lookup && a.update == b.update && a.erase == b.erase;
 }
 
-// Pins `map` holding keys 1..n with values made from them.
 template <typename K, typename V>
-RawMap seeded(const PinnedMap<K, V>& map, int n, V (*make)(K)) {
-    TestMap<K, V> raw(map);
-    for (int i = 1; i <= n; ++i) EXPECT_TRUE(raw.put(K(i), make(K(i))));
-    return std::move(raw);
-}
-
-template <typename V>
-V filled(uint32_t key) {
+V filled(K key) {
     V value;
     memset(&value, static_cast<int>(key), sizeof(value));
     return value;
 }
 
+using Maps = std::vector<RawMap>;
+
+// Pins `map` holding keys 1..n with values made from them, after the maps already in `into`.
+template <typename K, typename V>
+Maps seeded(const PinnedMap<K, V>& map, int n, Maps into = {}) {
+    TestMap<K, V> raw(map);
+    for (int i = 1; i <= n; ++i) EXPECT_TRUE(raw.put(K(i), filled<K, V>(K(i))));
+    into.push_back(std::move(raw));
+    return into;
+}
+
 struct Case {
-    const char* service;
-    std::function<RawMap(int n)> seed;
-    std::function<int()> call;
+    std::string service;
+    std::function<Maps(int n)> seed;  // the maps the call finds, n entries where it walks or clears
+    std::function<void()> call;
     std::function<Budget(int n)> budget;
 };
 
-std::unordered_map<int64_t, KovraStatsValue> uidTotals;
-KovraStatsValue oneUid;
+// A service that copies its map into a fresh table of the caller's and, when `harvests`, then
+// clears the map.
+template <typename Table, typename K, typename V>
+Case copier(const char* service, const PinnedMap<K, V>& map, int (*call)(Table&),
+            bool harvests = false) {
+    return {service, [map](int n) { return seeded(map, n); },
+            [call] {
+                Table out;
+                call(out);
+            },
+            [harvests](int n) {
+                return harvests ? readWriteOpen() + walk(n) + clearing(n)
+                                : readOnlyOpen() + walk(n);
+            }};
+}
 
-const Case kCases[] = {
-        {"bpfGetUidStatsTotal",
-         [](int n) { return seeded(maps::kNetdAppUidStats, n, filled<StatsValue>); },
-         [] { return bpfGetUidStatsTotal(uidTotals); },
-         [](int n) { return readOnlyOpen() + walk(n); }},
-        {"bpfGetUidPurStatsTotal",
-         [](int n) { return seeded(maps::kUidPurStats, n, filled<KovraStatsValue>); },
-         [] { return bpfGetUidPurStatsTotal(uidTotals); },
-         [](int n) { return readOnlyOpen() + walk(n); }},
-        {"bpfGetUidPurStats",
-         [](int n) { return seeded(maps::kUidPurStats, n, filled<KovraStatsValue>); },
-         [] { return bpfGetUidPurStats(1, oneUid); },
-         [](int) { return readOnlyOpen() + lookups(1); }},
-};
+AppFreezeConfig config(int n) {
+    return {static_cast<uint32_t>(n) + 1, 2, 3};
+}
+
+std::vector<Case> cases() {
+    using UidTotals = std::unordered_map<int64_t, KovraStatsValue>;
+    using Counters = std::unordered_map<uint32_t, uint64_t>;
+    std::vector<Case> all = {
+            copier<UidTotals>("bpfGetUidStatsTotal", maps::kNetdAppUidStats, bpfGetUidStatsTotal),
+            copier<UidTotals>("bpfGetUidPurStatsTotal", maps::kUidPurStats, bpfGetUidPurStatsTotal),
+            {"bpfGetUidPurStats", [](int n) { return seeded(maps::kUidPurStats, n); },
+             [] {
+                 KovraStatsValue one;
+                 bpfGetUidPurStats(1, one);
+             },
+             [](int) { return readOnlyOpen() + lookups(1); }},
+            copier("bpfFetchAppFreezeSyns", maps::kAppFreezeSyn, bpfFetchAppFreezeSyns, true),
+            copier("bpfFetchAppFreezeStats", maps::kAppFreezeStats, bpfFetchAppFreezeStats, true),
+            {"bpfGetAppFreezeConfig", [](int n) { return seeded(maps::kAppFreezeConfig, n); },
+             [] {
+                 AppFreezeConfig out;
+                 bpfGetAppFreezeConfig(out);
+             },
+             [](int) { return readWriteOpen() + lookups(1); }},
+            // A configuration equal to the last one written costs nothing at all.
+            {"bpfSetAppFreezeConfig twice", [](int n) { return seeded(maps::kAppFreezeConfig, n); },
+             [] {
+                 static int round = 0;
+                 AppFreezeConfig next = config(++round);
+                 bpfSetAppFreezeConfig(next);
+                 bpfSetAppFreezeConfig(next);
+             },
+             [](int) { return readWriteOpen() + updates(1); }},
+            copier("bpfGetAppTcpFinDropMap", maps::kAppTcpFinDrop, bpfGetAppTcpFinDropMap),
+            {"bpfAddAppImHbLenMap", [](int n) { return seeded(maps::kImAppHbLen, n); },
+             [] { bpfAddAppImHbLenMap(1, 300); }, [](int) { return readWriteOpen() + updates(1); }},
+            // A zero state writes its two entries and clears the heartbeat lengths.
+            {"bpfUpdateScreenStateMap(0)",
+             [](int n) { return seeded(maps::kImAppHbLen, n, seeded(maps::kScreenState, 0)); },
+             [] { bpfUpdateScreenStateMap(0, 42); },
+             [](int n) { return readWriteOpen() + updates(2) + readWriteOpen() + clearing(n); }},
+            // A non-zero state reads six flags and resets the one flagged map.
+            {"bpfUpdateScreenStateMap(1)",
+             [](int n) {
+                 Maps maps = seeded(maps::kAppTcpInwakeup, n, seeded(maps::kScreenState, 0));
+                 TestMap check(maps::kOverflowingMapCheck);
+                 EXPECT_TRUE(check.put(8, 1));
+                 maps.push_back(std::move(check));
+                 return maps;
+             },
+             [] { bpfUpdateScreenStateMap(1, 42); },
+             [](int n) {
+                 return readWriteOpen() + updates(2) + readWriteOpen() + lookups(6) +
+                        readWriteOpen() + clearing(n) + updates(1);
+             }},
+            {"bpfDisableNetwork", [](int n) { return seeded(maps::kAppNetDisconnLimit, n); },
+             [] { bpfDisableNetwork(1); }, [](int) { return readWriteOpen() + updates(1); }},
+            {"bpfEnableNetwork", [](int n) { return seeded(maps::kAppNetDisconnLimit, n); },
+             [] { bpfEnableNetwork(1); }, [](int) { return readWriteOpen() + deletes(1); }},
+            {"bpfLegacySetFirewall", [](int n) { return seeded(maps::kAppVuskLimit, n); },
+             [] { bpfLegacySetFirewall(1, 1); }, [](int) { return readWriteOpen() + deletes(1); }},
+    };
+    struct Reader {
+        const char* name;
+        PinnedMap<uint32_t, uint64_t> map;
+        int (*read)(Counters&);
+    };
+    const Reader readers[] = {
+            {"bpfGetAppTcpInwakeupMap", maps::kAppTcpInwakeup, bpfGetAppTcpInwakeupMap},
+            {"bpfGetAppTcpOutwakeupMap", maps::kAppTcpOutwakeup, bpfGetAppTcpOutwakeupMap},
+            {"bpfGetAppTcpWakeupdurationMap", maps::kAppTcpWakeupduration,
+             bpfGetAppTcpWakeupdurationMap},
+            {"bpfGetAppTcpOutImHbMap", maps::kAppTcpOutImHb, bpfGetAppTcpOutImHbMap},
+            {"bpfGetAppTcpOutAlignMap", maps::kAppTcpOutAlign, bpfGetAppTcpOutAlignMap},
+            {"bpfGetAppTcpInKeepAliveMap", maps::kAppTcpInKeepAlive, bpfGetAppTcpInKeepAliveMap},
+            {"bpfGetAppTcpReinwakeupMap", maps::kAppTcpReinwakeup, bpfGetAppTcpReinwakeupMap},
+            {"bpfGetAppTcpReoutwakeupMap", maps::kAppTcpReoutwakeup, bpfGetAppTcpReoutwakeupMap}};
+    for (const Reader& r : readers) all.push_back(copier<Counters>(r.name, r.map, r.read));
+    return all;
+}
 
 class BudgetTest : public KernelTest {};
 
 TEST_F(BudgetTest, EveryServiceIssuesExactlyItsAlgorithmsCommands) {
-    for (const Case& c : kCases) {
+    for (const Case& c : cases()) {
         for (int n : {0, 1, 7}) {
             SCOPED_TRACE(testing::Message() << c.service << " over " << n << " entries");
-            const RawMap map = c.seed(n);
-            uidTotals.clear();
+            const Maps maps = c.seed(n);
             resetInterposers();
             c.call();
             EXPECT_EQ(c.budget(n), issued());
