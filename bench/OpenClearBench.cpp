@@ -57,6 +57,14 @@ void openAndClose(benchmark::State& state) {
     }
 }
 
+void blockOneUid(benchmark::State& state) {
+    seeded(maps::kAppNetDisconnLimit, kSingleEntryMapSize, derivedFrom<uint32_t, uint32_t>);
+    const int uid = static_cast<int>(keyAt<uint32_t>(7));
+    for (auto _ : state) {
+        if (bpfDisableNetwork(uid) != 0) fail(state, "blocking failed");
+    }
+}
+
 void singleUidLookup(benchmark::State& state) {
     seeded(maps::kUidPurStats, kSingleEntryMapSize, derivedFrom<uint32_t, KovraStatsValue>);
     const uint32_t uid = keyAt<uint32_t>(7);
@@ -68,25 +76,25 @@ void singleUidLookup(benchmark::State& state) {
 
 // clear() deletes the first key until there is none. The map is made and filled outside the
 // timed region; `entries` of `maxEntries` are filled.
-using Cleared = PinnedMap<uint64_t, AppFreezeStatsInfo>;
-constexpr Cleared kCleared = maps::kAppFreezeStats;
-auto* const kMake = derivedFrom<uint64_t, AppFreezeStatsInfo>;
+using Cleared = PinnedMap<uint64_t, AppFreezeSynInfo>;
+constexpr Cleared kCleared = maps::kAppFreezeSyn;
+auto* const kMake = derivedFrom<uint64_t, AppFreezeSynInfo>;
 
 enum class Clearer { kService, kRaw, kBatch };
 
 void emptyOnce(Clearer how, int fd) {
     switch (how) {
         case Clearer::kService:
-            if (!BpfMap<uint64_t, AppFreezeStatsInfo>(kCleared).clear().ok()) abort();
+            if (!BpfMap<uint64_t, AppFreezeSynInfo>(kCleared).clear().ok()) abort();
             break;
         case Clearer::kRaw:
             rawClear<uint64_t>(fd);
             break;
         case Clearer::kBatch: {
             std::vector<uint64_t> keys(1024);
-            std::vector<AppFreezeStatsInfo> values(1024);
+            std::vector<AppFreezeSynInfo> values(1024);
             batchRead(fd, BPF_MAP_LOOKUP_AND_DELETE_BATCH, keys, values,
-                      [](const uint64_t&, const AppFreezeStatsInfo&) {});
+                      [](const uint64_t&, const AppFreezeSynInfo&) {});
             break;
         }
     }
@@ -94,7 +102,7 @@ void emptyOnce(Clearer how, int fd) {
 
 void clearing(benchmark::State& state, Clearer how) {
     const int64_t entries = state.range(0);
-    const RawMap map(kCleared.path, sizeof(uint64_t), sizeof(AppFreezeStatsInfo),
+    const RawMap map(kCleared.path, sizeof(uint64_t), sizeof(AppFreezeSynInfo),
                      static_cast<uint32_t>(state.range(1)));
     fill(map, entries, kMake);
     for (auto _ : state) {
@@ -114,6 +122,7 @@ void registerOpenAndClearBenchmarks() {
                                  openAndClose<BpfMap<uint32_t, KovraStatsValue>>);
     benchmark::RegisterBenchmark("open read-write/raw", rawOpenAndClose, true);
     benchmark::RegisterBenchmark("bpfGetUidPurStats/service", singleUidLookup);
+    benchmark::RegisterBenchmark("bpfDisableNetwork/service", blockOneUid);
 
     const std::pair<Clearer, const char*> clearers[] = {{Clearer::kService, "clear/service"},
                                                         {Clearer::kRaw, "clear/raw"},

@@ -113,6 +113,20 @@ void registerWalkBenchmarks() {
                             [](UidTotals& out, const uint32_t& uid, const KovraStatsValue& v) {
                                 out.try_emplace(int64_t{uid}, v);
                             });
+    using Counters = std::unordered_map<uint32_t, uint64_t>;
+    registerWalk<Counters>("bpfGetAppTcpInwakeupMap", maps::kAppTcpInwakeup,
+                           derivedFrom<uint32_t, uint64_t>, bpfGetAppTcpInwakeupMap,
+                           [](Counters& out, const uint32_t& uid, const uint64_t& count) {
+                               out.try_emplace(uid, count);
+                           });
+    using FreezeStats = std::unordered_map<uint64_t, AppFreezeStatsInfo>;
+    registerWalk<FreezeStats>(
+            "bpfFetchAppFreezeStats", maps::kAppFreezeStats,
+            derivedFrom<uint64_t, AppFreezeStatsInfo>, bpfFetchAppFreezeStats,
+            [](FreezeStats& out, const uint64_t& key, const AppFreezeStatsInfo& record) {
+                out.try_emplace(key, record);
+            },
+            After::kEmpty);
 }
 
 }  // namespace kovra::bench
