@@ -27,18 +27,22 @@ using namespace android::bpf;
 // Few keys, so that the writer keeps hitting the entries a walk is passing.
 constexpr uint32_t kKeys = 256;
 
-// The record the writer puts under `key` at its `version`: the version in the first four bytes,
-// every other byte a function of both.
+// The record the writer puts under `key` at its `version`. A 32-bit value holds the key above
+// the low bits of the version; a wider one holds the version in its first four bytes and a
+// function of both everywhere else.
 template <typename V>
 V written(uint32_t key, uint32_t version) {
-    static_assert(sizeof(V) >= 8);
-    V value;
-    auto* bytes = reinterpret_cast<uint8_t*>(&value);
-    memcpy(bytes, &version, sizeof(version));
-    for (size_t i = sizeof(version); i < sizeof(V); ++i) {
-        bytes[i] = static_cast<uint8_t>(key * 131 + version * 7 + i);
+    if constexpr (sizeof(V) == sizeof(uint32_t)) {
+        return key << 20 | (version & 0xfffff);
+    } else {
+        V value;
+        auto* bytes = reinterpret_cast<uint8_t*>(&value);
+        memcpy(bytes, &version, sizeof(version));
+        for (size_t i = sizeof(version); i < sizeof(V); ++i) {
+            bytes[i] = static_cast<uint8_t>(key * 131 + version * 7 + i);
+        }
+        return value;
     }
-    return value;
 }
 
 template <typename V>
@@ -48,17 +52,15 @@ bool wasWritten(uint32_t key, const V& value) {
     return key < kKeys && sameBytes(value, written<V>(key, version));
 }
 
-// One map the writer churns: how to make its key and its record for (key, version).
+// One map the writer churns: how it writes the record of (key, version) and deletes a key.
 struct Churned {
-    const RawMap* map;
     std::function<void(uint32_t key, uint32_t version)> put;
     std::function<void(uint32_t key)> erase;
 };
 
 template <typename K, typename V>
 Churned churned(const TestMap<K, V>& map) {
-    return {&map,
-            [&map](uint32_t key, uint32_t version) { map.put(K(key), written<V>(key, version)); },
+    return {[&map](uint32_t key, uint32_t version) { map.put(K(key), written<V>(key, version)); },
             [&map](uint32_t key) { map.erase(K(key)); }};
 }
 
@@ -115,9 +117,9 @@ class Replies {
     // Checks a reported record against the reply for its key, `expected` turning the kernel's
     // record into what the service reports for it.
     template <typename Reported, typename Expected>
-    void check(Tally& tally, K key, const Reported& reported, Expected expected) const {
-        const auto reply = mReplies.find(key);
-        ASSERT_NE(mReplies.end(), reply)
+    void check(Tally& tally, uint64_t key, const Reported& reported, Expected expected) const {
+        const auto reply = mReplies.find(static_cast<K>(key));
+        ASSERT_TRUE(key == static_cast<K>(key) && reply != mReplies.end())
                 << tally.service << " reported key " << key << " the kernel never returned";
         EXPECT_TRUE(sameBytes(expected(reply->second), reported))
                 << tally.service << " changed the record of key " << key;
@@ -128,35 +130,35 @@ class Replies {
     std::unordered_map<K, V> mReplies;
 };
 
+template <typename V>
+V asIs(const V& value) {
+    return value;
+}
+
 // A walk either completes (0, nothing logged) or stops where the writer deleted the entry it was
-// about to read (-1 and the one line naming the failed read).
-template <typename V, typename Table, typename Expected>
-void callTotals(Tally& tally, int (*service)(Table&), const char* errorLine, Expected expected) {
+// about to read: -1 and `walkError`, the one line naming the failed read, or no line at all for
+// the services that log nothing.
+template <typename K, typename V, typename Table, typename Expected = V (*)(const V&)>
+void callWalker(Tally& tally, int (*service)(Table&), const char* walkError,
+                Expected expected = asIs<V>) {
     Table out;
-    const Replies<uint32_t, V> replies;
+    const Replies<K, V> replies;
     const int status = noLeak([&] { return service(out); });
     ++tally.calls;
-    const auto logs = takeLogs();
+    std::vector<LogLine> lines;
     if (status == -1) {
         ++tally.incomplete;
-        EXPECT_EQ(std::vector{kovra::test::errorLine(errorLine)}, logs) << tally.service;
+        if (walkError != nullptr) lines.push_back(errorLine(walkError));
     } else {
         EXPECT_EQ(0, status) << tally.service;
-        EXPECT_TRUE(logs.empty()) << tally.service;
     }
-    for (const auto& [uid, value] : out) {
-        ASSERT_EQ(uid, static_cast<uint32_t>(uid)) << tally.service << " widened a UID wrongly";
-        replies.check(tally, static_cast<uint32_t>(uid), value, expected);
-    }
+    EXPECT_EQ(lines, takeLogs()) << tally.service;
+    for (const auto& [key, value] : out) replies.check(tally, key, value, expected);
 }
 
 KovraStatsValue widened(const StatsValue& stats) {
     KovraStatsValue value{};
     memcpy(&value, &stats, sizeof(stats));
-    return value;
-}
-
-KovraStatsValue asIs(const KovraStatsValue& value) {
     return value;
 }
 
@@ -174,8 +176,20 @@ void callSingleUid(Tally& tally, uint32_t uid) {
     } else {
         EXPECT_EQ(0, status);
         EXPECT_TRUE(logs.empty());
-        replies.check(tally, uid, out, asIs);
+        replies.check(tally, uid, out, asIs<KovraStatsValue>);
     }
+}
+
+// The writer keeps flagging the in-wake-up map as overflowing; each non-zero screen state resets
+// it while the writer refills it. The switch succeeds, logging the reset when it saw the flag.
+void callScreenOn(Tally& tally, uint64_t stamp) {
+    EXPECT_EQ(0, noLeak([&] { return bpfUpdateScreenStateMap(1, stamp); }));
+    ++tally.calls;
+    const auto logs = takeLogs();
+    if (logs.empty()) ++tally.incomplete;  // the flag was not up this time
+    EXPECT_TRUE(logs.empty() ||
+                logs == std::vector{untaggedError("[BpfWakeupDetector] clear overflowing map:8")})
+            << testing::PrintToString(logs);
 }
 
 std::chrono::seconds stressDuration() {
@@ -188,7 +202,18 @@ class StressTest : public KernelTest {};
 TEST_F(StressTest, ServicesHoldUpWhileTheKernelSideWritesTheirMaps) {
     const TestMap netdStats(maps::kNetdAppUidStats);
     const TestMap purStats(maps::kUidPurStats);
-    const std::vector<Churned> churn = {churned(netdStats), churned(purStats)};
+    const TestMap finDrops(maps::kAppTcpFinDrop);
+    const TestMap inWakeups(maps::kAppTcpInwakeup);
+    const TestMap freezeStats(maps::kAppFreezeStats);
+    const TestMap screenState(maps::kScreenState);
+    const TestMap overflowCheck(maps::kOverflowingMapCheck);
+    for (const auto& sequences :
+         {maps::kSkTcpCookieInSeq, maps::kSkTcpCookieOutSeq, maps::kSkTcpCookieOutAck}) {
+        TestMap{sequences}.put(1, 1);  // pinned, and kept by its pin
+    }
+    const Churned raiseFlag{[&](uint32_t, uint32_t) { overflowCheck.put(8, 1); }, [](uint32_t) {}};
+    const std::vector<Churned> churn = {churned(netdStats), churned(purStats),    churned(finDrops),
+                                        churned(inWakeups), churned(freezeStats), raiseFlag};
 
     auto* ops = static_cast<std::atomic<uint64_t>*>(mmap(nullptr, sizeof(std::atomic<uint64_t>),
                                                          PROT_READ | PROT_WRITE,
@@ -198,19 +223,26 @@ TEST_F(StressTest, ServicesHoldUpWhileTheKernelSideWritesTheirMaps) {
     const pid_t writer = startWriter(churn, ops);
     ASSERT_GT(writer, 0) << strerror(errno);
 
-    Tally totals{"bpfGetUidStatsTotal"}, purTotals{"bpfGetUidPurStatsTotal"},
-            single{"bpfGetUidPurStats"};
+    Tally tallies[] = {{"bpfGetUidStatsTotal"},     {"bpfGetUidPurStatsTotal"},
+                       {"bpfGetUidPurStats"},       {"bpfGetAppTcpFinDropMap"},
+                       {"bpfGetAppTcpInwakeupMap"}, {"bpfFetchAppFreezeStats"},
+                       {"bpfUpdateScreenStateMap"}};
     const auto deadline = std::chrono::steady_clock::now() + stressDuration();
     for (uint32_t round = 0; std::chrono::steady_clock::now() < deadline; ++round) {
-        callTotals<StatsValue>(totals, bpfGetUidStatsTotal,
-                               "bpfGetUidStatsTotalInternal end with error: "
-                               "BpfMap::readValue() failed",
-                               widened);
-        callTotals<KovraStatsValue>(purTotals, bpfGetUidPurStatsTotal,
-                                    "bpfGetFreezeStatsTotalInternal end with "
-                                    "error: BpfMap::readValue() failed",
-                                    asIs);
-        callSingleUid(single, round % kKeys);
+        callWalker<uint32_t, StatsValue>(tallies[0], bpfGetUidStatsTotal,
+                                         "bpfGetUidStatsTotalInternal end with error: "
+                                         "BpfMap::readValue() failed",
+                                         widened);
+        callWalker<uint32_t, KovraStatsValue>(tallies[1], bpfGetUidPurStatsTotal,
+                                              "bpfGetFreezeStatsTotalInternal end with error: "
+                                              "BpfMap::readValue() failed");
+        callSingleUid(tallies[2], round % kKeys);
+        callWalker<uint32_t, uint32_t>(tallies[3], bpfGetAppTcpFinDropMap, nullptr);
+        callWalker<uint32_t, uint64_t>(tallies[4], bpfGetAppTcpInwakeupMap, nullptr);
+        callWalker<uint64_t, AppFreezeStatsInfo>(
+                tallies[5], bpfFetchAppFreezeStats,
+                "bpfFetchAppFreezeStats end with error: BpfMap::readValue() failed");
+        callScreenOn(tallies[6], round);
         if (HasFailure()) break;  // one broken contract is enough to read, not thousands
     }
 
@@ -219,10 +251,10 @@ TEST_F(StressTest, ServicesHoldUpWhileTheKernelSideWritesTheirMaps) {
     ASSERT_EQ(writer, waitpid(writer, &status, 0));
     EXPECT_TRUE(WIFSIGNALED(status)) << "the writer stopped on its own";
     EXPECT_GT(ops->load(), 0u) << "the writer never wrote";
-    for (const Tally* t : {&totals, &purTotals, &single}) {
-        EXPECT_GT(t->calls - t->incomplete, 0) << t->service << " never completed";
-        printf("%s: %d calls, %d cut short by the writer, %d records torn by the kernel\n",
-               t->service, t->calls, t->incomplete, t->torn);
+    for (const Tally& t : tallies) {
+        EXPECT_GT(t.calls - t.incomplete, 0) << t.service << " never completed";
+        printf("%s: %d calls, %d cut short, %d records torn by the kernel\n", t.service, t.calls,
+               t.incomplete, t.torn);
     }
     printf("writer: %lu writes\n", static_cast<unsigned long>(ops->load()));
     munmap(ops, sizeof(std::atomic<uint64_t>));
