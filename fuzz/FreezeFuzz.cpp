@@ -12,21 +12,12 @@ namespace {
 template <typename V>
 void fuzzHarvest(FuzzedDataProvider& input, FuzzedMap<uint64_t, V>& map,
                  int (*harvest)(std::unordered_map<uint64_t, V>&)) {
-    using Table = std::unordered_map<uint64_t, V>;
     map.refill(input);
-    const Table before = callersTable<Table>(input, map.written());
-    Table after = before;
-    require(withoutLeak([&] { return harvest(after); }) == 0, "a harvest of a still map failed");
-    requireCopied(after, before, map.written(), [](const V& record) { return record; });
+    fuzzCopy(input, map, harvest);
     require(map.map().keys().empty(), "a harvest left records in the map");
 }
 
 }  // namespace
-
-extern "C" int LLVMFuzzerInitialize(int*, char***) {
-    enterSandbox();
-    return 0;
-}
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     static FuzzedMap<uint64_t, AppFreezeSynInfo> syns(maps::kAppFreezeSyn);

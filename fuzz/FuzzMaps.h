@@ -6,7 +6,6 @@
 
 #include <stdio.h>
 #include <stdlib.h>
-#include <sys/stat.h>
 
 #include <unordered_map>
 
@@ -22,16 +21,6 @@ inline void require(bool holds, const char* what) {
     if (holds) return;
     fprintf(stderr, "broken: %s\n", what);
     abort();
-}
-
-// The sandbox every target runs in; a fuzz run needs root.
-inline void enterSandbox() {
-    const std::string problem = test::enterPrivateBpffs();
-    if (!problem.empty()) {
-        fprintf(stderr, "fuzzing cannot run: %s\n", problem.c_str());
-        exit(1);
-    }
-    mkdir("/sys/fs/bpf/netd_shared", 0700);
 }
 
 // Any plain record, from the input's next bytes (zero-padded when the input runs out).
@@ -128,6 +117,22 @@ void requireCopied(const Table& after, const Table& before,
                 "a record changed on the way");
     }
     require(after.size() == before.size() + added, "the table holds entries no map held");
+}
+
+template <typename V>
+V asIs(const V& value) {
+    return value;
+}
+
+// Calls a copying service with a caller's table drawn from the input and requires that it
+// succeeds and copies `map` into the table (see requireCopied).
+template <typename Table, typename K, typename V, typename Expected = V (*)(const V&)>
+void fuzzCopy(FuzzedDataProvider& input, const FuzzedMap<K, V>& map, int (*service)(Table&),
+              Expected expected = asIs<V>) {
+    const Table before = callersTable<Table>(input, map.written());
+    Table after = before;
+    require(withoutLeak([&] { return service(after); }) == 0, "a walk of a still map failed");
+    requireCopied(after, before, map.written(), expected);
 }
 
 }  // namespace kovra::fuzz

@@ -13,12 +13,8 @@ namespace {
 template <typename V>
 void fuzzReader(FuzzedDataProvider& input, FuzzedMap<uint32_t, V>& map,
                 int (*read)(std::unordered_map<uint32_t, V>&)) {
-    using Table = std::unordered_map<uint32_t, V>;
     map.refill(input);
-    const Table before = callersTable<Table>(input, map.written());
-    Table after = before;
-    require(withoutLeak([&] { return read(after); }) == 0, "a walk of a still map failed");
-    requireCopied(after, before, map.written(), [](const V& count) { return count; });
+    fuzzCopy(input, map, read);
     require(map.map().keys().size() == map.written().size(), "a reader changed its map");
 }
 
@@ -63,11 +59,6 @@ void fuzzScreenOn(FuzzedDataProvider& input, FuzzedMap<uint32_t, uint32_t>& chec
 }
 
 }  // namespace
-
-extern "C" int LLVMFuzzerInitialize(int*, char***) {
-    enterSandbox();
-    return 0;
-}
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     static FuzzedMap<uint32_t, uint32_t> finDrops(maps::kAppTcpFinDrop);
