@@ -58,16 +58,19 @@ class FuzzedMap {
 
     explicit FuzzedMap(const PinnedMap<K, V>& map) : mMap(map, kMaxEntries) {}
 
-    // Empties the map, then writes the entries the input asks for. Keys come from the input's
-    // own bytes, so they repeat whenever the input repeats them; the last write wins, as in the
-    // kernel.
-    void refill(FuzzedDataProvider& input) {
+    // Empties the map, then writes the entries the input asks for, each key and record drawn by
+    // `drawKey` and `drawValue` (by default from the input's next bytes as they are). Keys repeat
+    // whenever the input repeats them; the last write wins, as in the kernel.
+    template <typename DrawValue = V (*)(FuzzedDataProvider&),
+              typename DrawKey = K (*)(FuzzedDataProvider&)>
+    void refill(FuzzedDataProvider& input, DrawValue drawValue = draw<V>,
+                DrawKey drawKey = draw<K>) {
         for (const K& key : mMap.keys()) mMap.erase(key);
         mWritten.clear();
         const uint32_t count = input.ConsumeIntegralInRange<uint32_t>(0, kMaxEntries);
         for (uint32_t i = 0; i < count; ++i) {
-            const K key = draw<K>(input);
-            const V value = draw<V>(input);
+            const K key = drawKey(input);
+            const V value = drawValue(input);
             require(mMap.put(key, value), "writing a drawn entry");
             mWritten[widen(key)] = value;
         }
