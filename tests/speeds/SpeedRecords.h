@@ -1,0 +1,40 @@
+// Speed records for the tests, stamped against the same clock the kernel side uses.
+#pragma once
+
+#include <stdint.h>
+#include <time.h>
+
+#include <kovrabpf/KovraBpfNetworkStats.h>
+
+namespace kovra::test {
+
+inline constexpr uint64_t kNsPerMs = 1'000'000;
+
+inline uint64_t monotonicNow() {
+    timespec ts{};
+    clock_gettime(CLOCK_MONOTONIC, &ts);
+    return static_cast<uint64_t>(ts.tv_sec) * 1'000'000'000u + static_cast<uint64_t>(ts.tv_nsec);
+}
+
+// A record whose opaque fields all hold recognisable values, so that a report can be checked to
+// copy them through byte for byte.
+inline android::bpf::SpeedsValue speedRecord(uint32_t ifindex, uint64_t firstSpeed,
+                                             uint64_t firstStamp, uint64_t secondSpeed,
+                                             uint64_t secondStamp) {
+    android::bpf::SpeedsValue value;
+    value.tag = 0xC0DE0000u + ifindex;
+    value.ifindex = ifindex;
+    value.firstAux0 = 11;
+    value.firstAux1 = 12;
+    value.firstSpeed = firstSpeed;
+    value.firstAux2 = 13;
+    value.firstStamp = firstStamp;
+    value.secondAux0 = 21;
+    value.secondAux1 = 22;
+    value.secondSpeed = secondSpeed;
+    value.secondAux2 = 23;
+    value.secondStamp = secondStamp;
+    return value;
+}
+
+}  // namespace kovra::test
