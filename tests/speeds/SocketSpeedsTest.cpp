@@ -17,7 +17,6 @@ using SpeedsTable = std::unordered_map<uint64_t, SpeedsValue>;
 using WatchList = std::unordered_set<uint64_t>;
 
 constexpr uint32_t kStaleMs = 1000;
-constexpr uint64_t kLongAgo = 10'000 * kNsPerMs;
 constexpr uint64_t kAnHour = 3'600'000 * kNsPerMs;
 
 // The maps a socket report reads, created in the test's private bpffs.
@@ -74,12 +73,10 @@ TEST_F(SocketSpeedsTest, ReportsInKbpsAndPrunesSocketsStaleInBothDirections) {
     SocketMaps kernel;
     const uint64_t now = monotonicNow();
     const SpeedsValue fresh = speedRecord(3, 5'000'999, now, 2'000'000, now);
-    const SpeedsValue stale = speedRecord(3, 9'000'000, now - kLongAgo, 9'000'000, now - kLongAgo);
-    const SpeedsValue firstStale = speedRecord(3, 7'000'000, now - kLongAgo, 3'000'000, now);
-    const SpeedsValue secondAhead =
-            speedRecord(3, 7'000'000, now - kLongAgo, 1'500'000, now + kAnHour);
-    const SpeedsValue firstAhead =
-            speedRecord(3, 4'000'000, now + kAnHour, 9'000'000, now - kLongAgo);
+    const SpeedsValue stale = speedRecord(3, 9'000'000, kAtBoot, 9'000'000, kAtBoot);
+    const SpeedsValue firstStale = speedRecord(3, 7'000'000, kAtBoot, 3'000'000, now);
+    const SpeedsValue secondAhead = speedRecord(3, 7'000'000, kAtBoot, 1'500'000, now + kAnHour);
+    const SpeedsValue firstAhead = speedRecord(3, 4'000'000, now + kAnHour, 9'000'000, kAtBoot);
     const SpeedsValue known = speedRecord(4, 8'000'000, now, 8'000'000, now);
     const std::pair<uint64_t, SpeedsValue> sockets[] = {
             {1, fresh}, {2, stale}, {3, firstStale}, {4, secondAhead}, {5, firstAhead}, {6, known}};
@@ -129,7 +126,7 @@ TEST_F(SocketSpeedsTest, FloorWrapsIn32BitsAndWatchedSocketsMustMove) {
             {kBelowWrappedFloor, speedRecord(3, 703, now, 703, now)},
             {kWatchedSlow, speedRecord(3, 0, now, 500, now)},
             {kWatchedStill, speedRecord(3, 0, now, 0, now)},
-            {kWatchedOnlyStale, speedRecord(3, 999'999, now - kLongAgo, 0, now)},
+            {kWatchedOnlyStale, speedRecord(3, 999'999, kAtBoot, 0, now)},
             {kSlow, speedRecord(3, 500, now, 500, now)},
     };
     for (const auto& [cookie, value] : sockets) ASSERT_TRUE(kernel.speeds.put(cookie, value));

@@ -3,6 +3,7 @@
 
 #include <stdint.h>
 #include <time.h>
+#include <unistd.h>
 
 #include <kovrabpf/KovraBpfNetworkStats.h>
 
@@ -10,10 +11,24 @@ namespace kovra::test {
 
 inline constexpr uint64_t kNsPerMs = 1'000'000;
 
+// The stamp of a record that has not moved for as long as the machine has been up.
+inline constexpr uint64_t kAtBoot = 0;
+
+// Now, on the clock the kernel side stamps with. Records stamped kAtBoot must be stale against
+// the tests' thresholds (a few seconds at most), so on a machine up for less than that, such as a
+// test VM just booted, this first waits.
 inline uint64_t monotonicNow() {
-    timespec ts{};
-    clock_gettime(CLOCK_MONOTONIC, &ts);
-    return static_cast<uint64_t>(ts.tv_sec) * 1'000'000'000u + static_cast<uint64_t>(ts.tv_nsec);
+    constexpr uint64_t kSettled = 5'000 * kNsPerMs;
+    const auto read = [] {
+        timespec ts{};
+        clock_gettime(CLOCK_MONOTONIC, &ts);
+        return static_cast<uint64_t>(ts.tv_sec) * 1'000'000'000u +
+               static_cast<uint64_t>(ts.tv_nsec);
+    };
+    const uint64_t now = read();
+    if (now >= kSettled) return now;
+    usleep(static_cast<useconds_t>((kSettled - now) / 1000));
+    return read();
 }
 
 // A record whose opaque fields all hold recognisable values, so that a report can be checked to

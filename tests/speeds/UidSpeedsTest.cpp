@@ -79,10 +79,9 @@ TEST_F(UidSpeedsTest, InternalWalkJudgesAgesAtTheCallersClock) {
 TEST_F(UidSpeedsTest, ServiceUsesTheMonotonicClockAndHidesAWalkError) {
     TestMap kernel(maps::kAppUidSpeeds);
     const uint64_t now = monotonicNow();
-    const uint64_t longAgo = now - 10'000 * kNsPerMs;
     ASSERT_TRUE(kernel.put({1, 1}, speedRecord(1, 3'000, now, 4'000, now)));
-    ASSERT_TRUE(kernel.put({2, 1}, speedRecord(1, 3'000, longAgo, 4'000, longAgo)));
-    ASSERT_TRUE(kernel.put({3, 1}, speedRecord(1, 3'000, longAgo, 4'000, now + 60'000 * kNsPerMs)));
+    ASSERT_TRUE(kernel.put({2, 1}, speedRecord(1, 3'000, kAtBoot, 4'000, kAtBoot)));
+    ASSERT_TRUE(kernel.put({3, 1}, speedRecord(1, 3'000, kAtBoot, 4'000, now + 60'000 * kNsPerMs)));
 
     UidSpeedsTable speeds;
     EXPECT_EQ(0, noLeak([&] { return bpfGetAppUidSpeedsTotal(speeds, kStaleMs); }));
