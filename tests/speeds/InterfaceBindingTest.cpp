@@ -23,11 +23,6 @@ SocketTuple socketOn(uint32_t ifindex) {
     return tuple;
 }
 
-std::vector<uint64_t> sorted(std::vector<uint64_t> keys) {
-    std::sort(keys.begin(), keys.end());
-    return keys;
-}
-
 std::vector<uint32_t> uidsOf(const std::vector<UidIfindexKey>& keys) {
     std::vector<uint32_t> uids;
     for (const UidIfindexKey& key : keys) uids.push_back(key.uid);
@@ -140,17 +135,6 @@ TEST_F(InterfaceBindingTest, ConfigWordGoesUnderKeyZeroAndARejectedWriteStillSuc
     EXPECT_EQ(1, bpfCommandCount(BPF_MAP_UPDATE_ELEM)) << "the write was tried";
     EXPECT_EQ(0xDEADBEEF, *config.get(0));
     EXPECT_TRUE(takeLogs().empty());
-}
-
-TEST_F(InterfaceBindingTest, ServicesEndTheProcessOnAMisshapenMap) {
-    RawMap config(maps::kAppSocketSpeedsConfig.path, 4, 8);
-    RawMap interfaces(maps::kAppSocketSpeedsIfindex.path, 4, 4);
-    RawMap uids(maps::kAppUidSpeeds.path, 4, 88);
-    expectAborts([] { bpfUpdateAppSocketSpeedsConfig(1); });
-    expectAborts([] { bpfUpdateAppSocketSpeedsIfindex(1, 1, 0); });
-    expectAborts([] { bpfDeleteIfindexUidSpeeds(1); });
-    std::unordered_map<uint64_t, IfaceSpeedsValue> speeds;
-    expectAborts([&] { bpfGetAppUidSpeedsTotal(speeds, 1000); });
 }
 
 }  // namespace

@@ -49,12 +49,6 @@ std::vector<uint64_t> sortedKeys(const SpeedsTable& table) {
     return keys;
 }
 
-template <typename K>
-std::vector<K> sorted(std::vector<K> keys) {
-    std::sort(keys.begin(), keys.end());
-    return keys;
-}
-
 // Log lines of a walk come in the kernel's key order.
 std::vector<LogLine> sortedLogs() {
     std::vector<LogLine> lines = takeLogs();

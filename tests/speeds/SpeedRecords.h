@@ -5,6 +5,9 @@
 #include <time.h>
 #include <unistd.h>
 
+#include <algorithm>
+#include <vector>
+
 #include <kovrabpf/KovraBpfNetworkStats.h>
 
 namespace kovra::test {
@@ -50,6 +53,13 @@ inline android::bpf::SpeedsValue speedRecord(uint32_t ifindex, uint64_t firstSpe
     value.secondAux2 = 23;
     value.secondStamp = secondStamp;
     return value;
+}
+
+// Map keys come in the kernel's hash order.
+template <typename K>
+std::vector<K> sorted(std::vector<K> keys) {
+    std::sort(keys.begin(), keys.end());
+    return keys;
 }
 
 }  // namespace kovra::test
