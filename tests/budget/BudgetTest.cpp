@@ -3,7 +3,11 @@
 // entry plus the closing one and one delete per entry; a read-only open costs the object fetch
 // and three info queries (flags, key size, value size); a read-write open adds the info query
 // for the lock's map id. Anything more is waste, anything less a skipped step.
+#include <time.h>
+
+#include <algorithm>
 #include <functional>
+#include <unordered_set>
 
 #include "Harness.h"
 
@@ -18,6 +22,10 @@ struct Budget {
     Budget operator+(const Budget& o) const {
         return {objGet + o.objGet, info + o.info,     nextKey + o.nextKey,
                 lookup + o.lookup, update + o.update, erase + o.erase};
+    }
+    Budget operator*(int times) const {
+        return {objGet * times, info * times,   nextKey * times,
+                lookup * times, update * times, erase * times};
     }
     int total() const { return objGet + info + nextKey + lookup + update + erase; }
 };
@@ -64,22 +72,62 @@ bool operator==(const Budget& a, const Budget& b) {
            a.lookup == b.lookup && a.update == b.update && a.erase == b.erase;
 }
 
-template <typename K, typename V>
-V filled(K key) {
+// Entry i of a seeded map: the key i in the key's own width, a value with every byte i.
+template <typename K>
+K keyOf(int i) {
+    const uint64_t wide = static_cast<uint64_t>(i);
+    K key{};
+    memcpy(&key, &wide, std::min(sizeof(K), sizeof(wide)));
+    return key;
+}
+
+template <typename V>
+V filled(int i) {
     V value;
-    memset(&value, static_cast<int>(key), sizeof(value));
+    memset(&value, i, sizeof(value));
     return value;
+}
+
+// The interface the speed records below name.
+constexpr uint32_t kIfindex = 7;
+
+// A speed record on kIfindex, updated just now in both directions: never stale, never pruned.
+SpeedsValue fresh(int i) {
+    timespec now;
+    clock_gettime(CLOCK_MONOTONIC, &now);
+    SpeedsValue value = filled<SpeedsValue>(i);
+    value.ifindex = kIfindex;
+    value.firstStamp = value.secondStamp = now.tv_sec * 1000000000ull + now.tv_nsec;
+    return value;
+}
+
+SocketTuple onInterface(int i) {
+    SocketTuple tuple = filled<SocketTuple>(i);
+    tuple.ifindex = kIfindex;
+    return tuple;
 }
 
 using Maps = std::vector<RawMap>;
 
-// Pins `map` holding keys 1..n with values made from them, after the maps already in `into`.
+// Pins `map` holding entries 1..n made by `make`, after the maps already in `into`.
 template <typename K, typename V>
-Maps seeded(const PinnedMap<K, V>& map, int n, Maps into = {}) {
+Maps seeded(const PinnedMap<K, V>& map, int n, Maps into = {}, V (*make)(int) = filled<V>) {
     TestMap<K, V> raw(map);
-    for (int i = 1; i <= n; ++i) EXPECT_TRUE(raw.put(K(i), filled<K, V>(K(i))));
+    for (int i = 1; i <= n; ++i) EXPECT_TRUE(raw.put(keyOf<K>(i), make(i)));
     into.push_back(std::move(raw));
     return into;
+}
+
+// The three maps an interface's data lives in, n entries each on kIfindex.
+Maps interfaceData(int n, Maps into = {}) {
+    into = seeded(maps::kAppSocketSpeeds, n, std::move(into), fresh);
+    into = seeded(maps::kAppUidSpeeds, n, std::move(into), fresh);
+    return seeded(maps::kAppSocketInfo, n, std::move(into), onInterface);
+}
+
+// A sweep: the walk of its map with every entry deleted.
+Budget sweep(int n) {
+    return readWriteOpen() + walk(n) + deletes(n);
 }
 
 struct Case {
@@ -164,6 +212,54 @@ std::vector<Case> cases() {
              [] { bpfDisableNetwork(1); }, [](int) { return readWriteOpen() + updates(1); }},
             {"bpfEnableNetwork", [](int n) { return seeded(maps::kAppNetDisconnLimit, n); },
              [] { bpfEnableNetwork(1); }, [](int) { return readWriteOpen() + deletes(1); }},
+            {"bpfGetAppUidSpeedsTotal",
+             [](int n) { return seeded(maps::kAppUidSpeeds, n, {}, fresh); },
+             [] {
+                 std::unordered_map<uint64_t, IfaceSpeedsValue> out;
+                 bpfGetAppUidSpeedsTotal(out, 60000);
+             },
+             [](int n) { return readWriteOpen() + walk(n); }},
+            // With no interface asking for the local filter, no socket needs its information.
+            {"bpfGetAppSocketSpeedsTotal",
+             [](int n) {
+                 return seeded(maps::kAppSocketSpeedsIfindex, 0,
+                               seeded(maps::kAppSocketInfo, 0,
+                                      seeded(maps::kAppSocketSpeeds, n, {}, fresh)));
+             },
+             [] {
+                 std::unordered_map<uint64_t, SpeedsValue> out;
+                 std::unordered_set<uint64_t> watched;
+                 bpfGetAppSocketSpeedsTotal(out, 60000, 0, watched);
+             },
+             [](int n) { return readWriteOpen() * 3 + walk(0) + walk(n); }},
+            {"bpfGetSocketLocalStatus",
+             [](int n) { return seeded(maps::kAppSocketInfo, n, {}, onInterface); },
+             [] { bpfGetSocketLocalStatus(1); }, [](int) { return readWriteOpen() + lookups(1); }},
+            {"bpfDeleteIfindexSocketSpeeds", [](int n) { return interfaceData(n); },
+             [] { bpfDeleteIfindexSocketSpeeds(kIfindex); }, sweep},
+            {"bpfDeleteIfindexUidSpeeds", [](int n) { return interfaceData(n); },
+             [] { bpfDeleteIfindexUidSpeeds(kIfindex); }, sweep},
+            {"bpfDelIfIndexSocketInfoMap", [](int n) { return interfaceData(n); },
+             [] { bpfDelIfIndexSocketInfoMap(kIfindex); }, sweep},
+            // Disabling an interface sweeps its three maps, then drops its table entry.
+            {"bpfUpdateAppSocketSpeedsIfindex(disable)",
+             [](int n) {
+                 TestMap table(maps::kAppSocketSpeedsIfindex);
+                 EXPECT_TRUE(table.put(kIfindex, {1, 0}));
+                 Maps maps;
+                 maps.push_back(std::move(table));
+                 return interfaceData(n, std::move(maps));
+             },
+             [] { bpfUpdateAppSocketSpeedsIfindex(kIfindex, 0, 0); },
+             [](int n) { return readWriteOpen() + sweep(n) * 3 + deletes(1); }},
+            {"bpfUpdateAppSocketSpeedsIfindex(enable)",
+             [](int n) { return seeded(maps::kAppSocketSpeedsIfindex, n); },
+             [] { bpfUpdateAppSocketSpeedsIfindex(kIfindex, 1, 1); },
+             [](int) { return readWriteOpen() + updates(1); }},
+            {"bpfUpdateAppSocketSpeedsConfig",
+             [](int n) { return seeded(maps::kAppSocketSpeedsConfig, n); },
+             [] { bpfUpdateAppSocketSpeedsConfig(5); },
+             [](int) { return readWriteOpen() + updates(1); }},
             {"bpfLegacySetFirewall", [](int n) { return seeded(maps::kAppVuskLimit, n); },
              [] { bpfLegacySetFirewall(1, 1); }, [](int) { return readWriteOpen() + deletes(1); }},
     };
