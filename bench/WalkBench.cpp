@@ -5,8 +5,11 @@
 // A service that empties its map (a harvest) is refilled outside the timed region, and its
 // floors empty the map the same way the service does: key by key, or in the batch itself.
 
+#include <time.h>
+
 #include <string>
 #include <unordered_map>
+#include <unordered_set>
 
 #include <kovrabpf/KovraPinnedMaps.h>
 
@@ -94,6 +97,32 @@ void registerWalk(const std::string& name, const PinnedMap<K, V>& map, V (*make)
 
 using UidTotals = std::unordered_map<int64_t, KovraStatsValue>;
 
+// Longer than any benchmark runs: no speed record goes stale and none is pruned.
+constexpr uint32_t kNeverStaleMs = UINT32_MAX;
+
+// A speed record updated in both directions when the map is seeded.
+template <typename K>
+SpeedsValue freshSpeeds(const K& key) {
+    timespec now;
+    clock_gettime(CLOCK_MONOTONIC, &now);
+    SpeedsValue value = derivedFrom<K, SpeedsValue>(key);
+    value.firstStamp = value.secondStamp = now.tv_sec * 1000000000ull + now.tv_nsec;
+    return value;
+}
+
+using SocketSpeeds = std::unordered_map<uint64_t, SpeedsValue>;
+using UidSpeeds = std::unordered_map<uint64_t, IfaceSpeedsValue>;
+
+// Every socket at or above a floor of 0, in kbps.
+int reportAllSockets(SocketSpeeds& out) {
+    std::unordered_set<uint64_t> watched;
+    return bpfGetAppSocketSpeedsTotal(out, kNeverStaleMs, 0, watched);
+}
+
+int reportAllPairs(UidSpeeds& out) {
+    return bpfGetAppUidSpeedsTotal(out, kNeverStaleMs);
+}
+
 KovraStatsValue widened(const StatsValue& stats) {
     KovraStatsValue value{};
     memcpy(&value, &stats, sizeof(stats));
@@ -127,6 +156,27 @@ void registerWalkBenchmarks() {
                 out.try_emplace(key, record);
             },
             After::kEmpty);
+
+    // The socket report also opens the socket information map and walks the interface table;
+    // both stay empty, so no socket is pruned or tested for the local subnet.
+    static const RawMap socketInfo(maps::kAppSocketInfo.path, sizeof(uint64_t),
+                                   sizeof(SocketTuple));
+    static const RawMap interfaces(maps::kAppSocketSpeedsIfindex.path, sizeof(uint32_t),
+                                   sizeof(IfIndexSpeedConfig));
+    registerWalk<SocketSpeeds>("bpfGetAppSocketSpeedsTotal", maps::kAppSocketSpeeds,
+                               freshSpeeds<uint64_t>, reportAllSockets,
+                               [](SocketSpeeds& out, const uint64_t& cookie, const SpeedsValue& v) {
+                                   SpeedsValue kbps = v;
+                                   kbps.firstSpeed /= 1000;
+                                   kbps.secondSpeed /= 1000;
+                                   out.try_emplace(cookie, kbps);
+                               });
+    registerWalk<UidSpeeds>(
+            "bpfGetAppUidSpeedsTotal", maps::kAppUidSpeeds, freshSpeeds<UidIfindexKey>,
+            reportAllPairs, [](UidSpeeds& out, const UidIfindexKey& key, const SpeedsValue& v) {
+                out.try_emplace(uint64_t{key.ifindex} << 32 | key.uid,
+                                IfaceSpeedsValue{v.firstSpeed / 1000, v.secondSpeed / 1000});
+            });
 }
 
 }  // namespace kovra::bench
