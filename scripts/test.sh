@@ -1,9 +1,9 @@
 #!/usr/bin/env bash
 # Sets up, builds and runs every test: a sanitized build (AddressSanitizer and
 # UndefinedBehaviorSanitizer) first, then the same tests cross-built for 64-bit Arm on an arm64
-# kernel under qemu, then a bounded libFuzzer run of every fuzz target, then the plain build,
-# whose tests run once under valgrind's memcheck and once as they are; that last ctest summary
-# closes the run.
+# kernel under qemu, then a libFuzzer run of every fuzz target (FUZZ_SECONDS each, 20 by default),
+# then the plain build, whose tests run once under valgrind's memcheck and once as they are; that
+# last ctest summary closes the run.
 # The kernel-map tests need root; with CI=true they fail rather than skip without it.
 set -uo pipefail
 cd "$(dirname "$0")/.."
@@ -28,7 +28,7 @@ unset ASAN_OPTIONS
 echo "== arm64 kernel (qemu)"
 bash scripts/test-arm64.sh || status=1
 echo "== fuzzing (libFuzzer, ASan + UBSan)"
-bash scripts/fuzz.sh || status=1
+FUZZ_SECONDS=${FUZZ_SECONDS:-20} bash scripts/fuzz.sh || status=1
 echo "== plain build"
 if build build/release; then
     echo "== valgrind memcheck (plain build)"
