@@ -7,6 +7,7 @@ packages=(
     cmake g++ make binutils pkg-config
     android-libbase-dev android-liblog-dev libfmt-dev
     libgtest-dev libbenchmark-dev
+    libcli11-dev nlohmann-json3-dev
     "$@"
 )
 
