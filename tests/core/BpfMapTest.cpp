@@ -190,17 +190,6 @@ TEST_F(BpfMapDeathTest, MissingOrMisshapenMapsAbort) {
     expectAborts([&] { BpfMap<uint32_t, uint64_t>{kMap}; });
 }
 
-// Today's kernels keep BPF_F_RDONLY and BPF_F_WRONLY with the descriptor and leave them out of
-// the map's reported flags, so a map reporting them is made up here.
-void reportMapFlags(uint32_t extra) {
-    setBpfHook([extra](int cmd, bpf_attr& attr, unsigned size, int) -> std::optional<long> {
-        if (cmd != BPF_OBJ_GET_INFO_BY_FD) return std::nullopt;
-        const long rv = realBpf(cmd, &attr, size);
-        reinterpret_cast<bpf_map_info*>(attr.info.info)->map_flags |= extra;
-        return rv;
-    });
-}
-
 TEST_F(BpfMapDeathTest, MapFlagsDecideWhichHandleMayOpenIt) {
     TestMap map(kMap);
     reportMapFlags(BPF_F_RDONLY);

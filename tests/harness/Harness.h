@@ -61,6 +61,10 @@ using BpfHook = std::function<std::optional<long>(int cmd, bpf_attr& attr, unsig
 void setBpfHook(BpfHook hook);
 // Fails the nth call of `cmd` with `err`.
 void failBpfCommand(int cmd, int nth, int err);
+// Adds `extra` to the map flags every info query reports. Today's kernels keep BPF_F_RDONLY and
+// BPF_F_WRONLY with the descriptor and leave them out of a map's reported flags, so a map that
+// reports them has to be made up.
+void reportMapFlags(uint32_t extra);
 // bpf commands issued through syscall() since the last reset, by command.
 int bpfCommandCount(int cmd);
 // Clears hooks, counters and the uname override.

@@ -78,6 +78,15 @@ void failBpfCommand(int cmd, int nth, int err) {
     });
 }
 
+void reportMapFlags(uint32_t extra) {
+    setBpfHook([extra](int cmd, bpf_attr& attr, unsigned size, int) -> std::optional<long> {
+        if (cmd != BPF_OBJ_GET_INFO_BY_FD) return std::nullopt;
+        const long rv = realBpf(cmd, &attr, size);
+        reinterpret_cast<bpf_map_info*>(attr.info.info)->map_flags |= extra;
+        return rv;
+    });
+}
+
 int bpfCommandCount(int cmd) {
     std::lock_guard guard(state().lock);
     return state().bpfCounts[cmd];
