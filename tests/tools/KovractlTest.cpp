@@ -79,6 +79,21 @@ const std::vector<std::vector<std::string>> kBadCommands = {
         {"stats", "pur", "1", "2"},
         {"sandbox", "--seed", "nosuch", "--", "true"},
         {"maps", "extra"},
+        {"freeze"},
+        {"freeze", "syns", "extra"},
+        {"freeze", "config"},
+        {"freeze", "config", "set", "1", "2"},
+        {"freeze", "config", "set", "1", "2", "x"},
+        {"wakeup", "bogus"},
+        {"wakeup", "hb-len", "10044"},
+        {"screen", "on"},
+        {"screen", "dim", "5"},
+        {"screen", "on", "abc"},
+        {"net", "block"},
+        {"net", "block", "abc"},
+        {"net", "block", "4294967296"},
+        {"net", "unblock", "10066", "extra"},
+        {"net", "legacy", "10077", "abc"},
 };
 
 TEST_F(KovractlTest, BadArgumentsGiveUsageAndTouchNoMap) {

@@ -81,6 +81,22 @@ int finish(int status, const std::string& what) {
     return code;
 }
 
+int reportChange(const Context& ctx, int status, const std::string& what, Json details) {
+    if (status == 0) {
+        if (ctx.json) {
+            details["status"] = status;
+            printJson(details);
+        } else {
+            printf("%s: ok\n", what.c_str());
+        }
+    }
+    return finish(status, what);
+}
+
+std::string countOf(size_t count, const std::string& noun) {
+    return std::to_string(count) + " " + noun + (count == 1 ? "" : "s");
+}
+
 void printJson(const Json& value) {
     std::cout << value.dump(2) << '\n';
 }

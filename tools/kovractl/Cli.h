@@ -61,6 +61,13 @@ void requirePinned(android::bpf::MapFamily family);
 // failed: "kovractl: <what> failed: <strerror> (status -N)".
 int finish(int status, const std::string& what);
 
+// For a service that changes maps and returns nothing else: on success "<what>: ok", or with
+// --json the `details` with the status; the exit code as finish() gives it.
+int reportChange(const Context& ctx, int status, const std::string& what, Json details);
+
+// "1 UID", "307 UIDs": the closing line of a table.
+std::string countOf(size_t count, const std::string& noun);
+
 // Prints `value` as indented JSON on stdout.
 void printJson(const Json& value);
 

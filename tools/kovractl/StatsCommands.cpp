@@ -49,7 +49,7 @@ void show(const Context& ctx, const Totals& totals, bool vendorCounters) {
         table.add(row);
     }
     table.print();
-    printf("%zu UIDs\n", totals.size());
+    printf("%s\n", countOf(totals.size(), "UID").c_str());
 }
 
 // Narrows a full table to one UID when the command line names one.

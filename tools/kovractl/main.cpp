@@ -61,6 +61,9 @@ int run(int argc, char** argv) {
     app.add_flag("-v,--verbose", verbose, "Also show the library's DEBUG log lines");
 
     addStatsCommands(app, ctx);
+    addFreezeCommands(app, ctx);
+    addWakeupCommands(app, ctx);
+    addNetCommands(app, ctx);
     addMapsCommand(app, ctx);
     addSandboxCommand(app, ctx);
     // Set last, so that only the top-level help carries it, not every subcommand's.
