@@ -6,12 +6,13 @@ include(CMakePackageConfigHelpers)
 set(KOVRA_CMAKE_DIR ${CMAKE_INSTALL_LIBDIR}/cmake/kovrabpf)
 
 # The installed library and tool find the Android libraries (outside the linker's default path
-# on Debian) and, for the tool, the library beside them.
+# on Debian), and the libraries installed beside them.
 set_target_properties(kovrabpf PROPERTIES
     VERSION ${PROJECT_VERSION} SOVERSION ${PROJECT_VERSION_MAJOR}
-    INSTALL_RPATH "${KOVRA_ANDROID_LIBDIR}")
+    INSTALL_RPATH "$ORIGIN;${KOVRA_ANDROID_LIBDIR}")
 
-install(TARGETS kovrabpf EXPORT kovrabpfTargets
+# Where the system has no libnetutils, the library loads the host stand-in installed beside it.
+install(TARGETS kovrabpf kovra_netutils EXPORT kovrabpfTargets
         LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR}
         INCLUDES DESTINATION ${CMAKE_INSTALL_INCLUDEDIR})
 # The records and services, the map catalogue and the map handle templates they are built on

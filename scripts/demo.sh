@@ -53,6 +53,30 @@ freeze() {
     run freeze config get
 }
 
+speeds() {
+    step "Speeds: sockets and (UID, interface) pairs, fresh and stale; measured interfaces"
+    echo "   Sockets at 100 kbps or more (or watched and moving). Both directions older than 30 s:"
+    echo "   pruned with their socket information. 40967 talks to 127.0.0.9 on the loopback,"
+    echo "   measured with the local filter: left out. 40968 is slow but watched."
+    local info
+    info=$(entries app_socket_info)
+    counted app_socket_speeds speeds sockets --stale-ms 30000 --min-kbps 100 --watch 40968
+    printf '   app_socket_info entries: %s -> %s\n' "$info" "$(entries app_socket_info)"
+    echo "   Every live pair, 0 kbps included; stale pairs pruned."
+    counted app_uid_speeds speeds uids --stale-ms 30000
+    echo "   Taking interface 22 out of measurement wipes its sockets, pairs and socket information."
+    local sockets pairs
+    sockets=$(entries app_socket_speeds)
+    pairs=$(entries app_uid_speeds)
+    info=$(entries app_socket_info)
+    counted app_socket_speeds_ifindex speeds iface 22 off
+    printf '   app_socket_speeds entries: %s -> %s, app_uid_speeds: %s -> %s, app_socket_info: %s -> %s\n' \
+        "$sockets" "$(entries app_socket_speeds)" "$pairs" "$(entries app_uid_speeds)" \
+        "$info" "$(entries app_socket_info)"
+    run speeds iface 5 on --local
+    run speeds config 7
+}
+
 wakeup() {
     step "TCP wake-up detector: per-UID counters, heartbeat lengths, screen state"
     run wakeup inwakeup outwakeup wakeupduration | sed -n '1,6p;$p'
@@ -88,6 +112,7 @@ scenario() {
     run maps | head -4
     traffic
     freeze
+    speeds
     wakeup
     blocking
     printf '\nDemo finished: every family walked.\n'

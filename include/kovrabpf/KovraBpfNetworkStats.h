@@ -152,9 +152,13 @@ int bpfSetAppFreezeConfig(AppFreezeConfig& config);
 // Reports, in kbps, sockets at or above `minKbps` in either direction (or watched and moving),
 // leaving out subnet-local sockets on interfaces that ask for it, and prunes sockets whose both
 // directions are older than `staleMs`. 0 (also after a logged walk error), or -errno.
+// Opens and closes libnetutils' process-wide interface-control context (ifc_init/ifc_close)
+// around its walk: do not run it concurrently with another user of that context.
 int bpfGetAppSocketSpeedsTotal(std::unordered_map<uint64_t, SpeedsValue>& speeds, uint32_t staleMs,
                                uint32_t minKbps, std::unordered_set<uint64_t>& watched);
 // 1 when the socket's peer lies in its interface's IPv4 subnet, 0 when not, -1 when unknown.
+// Asks through the caller's interface-control context (ifc_init); without one it logs the
+// failed interface query and returns -1.
 int bpfGetSocketLocalStatus(uint64_t cookie);
 // Reports every live (UID, interface) pair in kbps and prunes stale ones. 0, or -errno.
 int bpfGetAppUidSpeedsTotal(std::unordered_map<uint64_t, IfaceSpeedsValue>& speeds, uint32_t staleMs);

@@ -94,6 +94,16 @@ const std::vector<std::vector<std::string>> kBadCommands = {
         {"net", "block", "4294967296"},
         {"net", "unblock", "10066", "extra"},
         {"net", "legacy", "10077", "abc"},
+        {"speeds"},
+        {"speeds", "sockets", "--min-kbps", "100"},
+        {"speeds", "sockets", "--stale-ms", "x", "--min-kbps", "100"},
+        {"speeds", "sockets", "--stale-ms", "1", "--min-kbps", "1", "--watch", "1,x"},
+        {"speeds", "uids"},
+        {"speeds", "iface", "22"},
+        {"speeds", "iface", "22", "down"},
+        {"speeds", "iface", "22", "off", "--local"},
+        {"speeds", "config"},
+        {"speeds", "local", "-5"},
 };
 
 TEST_F(KovractlTest, BadArgumentsGiveUsageAndTouchNoMap) {

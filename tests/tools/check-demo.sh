@@ -13,6 +13,10 @@ expected=(
     "app_freeze_syn entries: 6 -> 0"                       # harvest empties the map
     "0 records"                                            # the second harvest is empty
     "succ update config 2,45,900 over"                     # the library's DEBUG line with -v
+    "app_socket_speeds entries: 8 -> 6"                    # stale sockets pruned
+    "app_socket_info entries: 8 -> 6"                      # with their socket information
+    "app_uid_speeds entries: 6 -> 4"                       # stale pairs pruned
+    "app_socket_speeds entries: 6 -> 4, app_uid_speeds: 4 -> 3, app_socket_info: 6 -> 4"
     "im_app_hb_len entries: 4 -> 0"                        # screen off drops heartbeat lengths
     "[BpfWakeupDetector] clear overflowing map:9"          # screen on resets flagged maps
     "sk_tcp_cookie_in_seq entries: 32 -> 0, app_tcp_inwakeup entries: 20 -> 0"

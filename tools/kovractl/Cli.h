@@ -40,6 +40,7 @@ inline void onRun(CLI::App* command, Context& ctx, std::function<int()> action) 
 // suffix ("/sys/fs/bpf/map_kovra-netd_app_tcp_fin_drop_map" is "app_tcp_fin_drop").
 std::string mapName(const char* path);
 
+// Accepts an unsigned decimal or 0x-hexadecimal number up to `max`.
 CLI::Validator unsignedNumber(uint64_t max);
 
 // Adds a required unsigned argument; it accepts decimal or 0x-prefixed hexadecimal within the

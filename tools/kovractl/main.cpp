@@ -62,6 +62,7 @@ int run(int argc, char** argv) {
 
     addStatsCommands(app, ctx);
     addFreezeCommands(app, ctx);
+    addSpeedsCommands(app, ctx);
     addWakeupCommands(app, ctx);
     addNetCommands(app, ctx);
     addMapsCommand(app, ctx);
