@@ -1,0 +1,43 @@
+// Running kovractl from the tests: as a child of the test process, so it sees the test's private
+// bpffs, seeded with the sandbox's demo data set before every test.
+#pragma once
+
+#include <map>
+#include <string>
+#include <vector>
+
+#include <nlohmann/json.hpp>
+
+#include "Harness.h"
+#include "Pinned.h"
+#include "Seed.h"
+
+namespace kovra::test {
+
+struct Outcome {
+    int exitCode;  // -signal when it died of one
+    std::string out;
+    std::string err;
+};
+std::ostream& operator<<(std::ostream& os, const Outcome& run);
+
+// Runs kovractl with `args` and waits for it. `asUser` runs it with that uid instead of root.
+Outcome kovractl(const std::vector<std::string>& args, int asUser = 0);
+
+// kovractl's stdout parsed as JSON (a test failure when it is not).
+nlohmann::json jsonOf(const Outcome& run);
+
+// Every map of the catalogue as raw bytes, key -> value, to tell whether a command changed any.
+using Snapshot = std::map<std::string, std::map<std::vector<uint8_t>, std::vector<uint8_t>>>;
+Snapshot snapshotMaps();
+
+// A test on the demo data set, created afresh in the private bpffs before each test.
+class KovractlTest : public KernelTest {
+  protected:
+    void SetUp() override;
+};
+
+// The rows of a printed table, split on blanks; the header row first.
+std::vector<std::vector<std::string>> tableRows(const std::string& out);
+
+}  // namespace kovra::test

@@ -1,0 +1,16 @@
+// The subcommands of kovractl, one function per family, each adding its commands to the app.
+#pragma once
+
+#include "Cli.h"
+
+namespace kovra::tool {
+
+void addStatsCommands(CLI::App& app, Context& ctx);
+void addFreezeCommands(CLI::App& app, Context& ctx);
+void addSpeedsCommands(CLI::App& app, Context& ctx);
+void addWakeupCommands(CLI::App& app, Context& ctx);
+void addNetCommands(CLI::App& app, Context& ctx);
+void addMapsCommand(CLI::App& app, Context& ctx);
+void addSandboxCommand(CLI::App& app, Context& ctx);
+
+}  // namespace kovra::tool

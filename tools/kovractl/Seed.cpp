@@ -1,0 +1,262 @@
+#include "Seed.h"
+
+#include <arpa/inet.h>
+#include <errno.h>
+#include <sys/stat.h>
+#include <time.h>
+
+#include <string>
+#include <vector>
+
+#include "Pinned.h"
+
+namespace kovra::tool {
+
+using namespace android::bpf;
+
+namespace {
+
+constexpr uint64_t kNsPerMs = 1000000;
+
+// Deterministic spread of counter values (splitmix64), so every sandbox holds the same numbers.
+uint64_t mix(uint64_t x) {
+    x += 0x9e3779b97f4a7c15ull;
+    x = (x ^ (x >> 30)) * 0xbf58476d1ce4e5b9ull;
+    x = (x ^ (x >> 27)) * 0x94d049bb133111ebull;
+    return x ^ (x >> 31);
+}
+
+// A stamp `ageMs` before now, never before the clock's start on a machine that just booted.
+uint64_t ago(uint64_t nowNs, uint64_t ageMs) {
+    const uint64_t age = ageMs * kNsPerMs;
+    return nowNs > age ? nowNs - age : 1;
+}
+
+void makeParentFolders(const char* path) {
+    std::string folder(path);
+    for (size_t slash = folder.find('/', 1); slash != std::string::npos;
+         slash = folder.find('/', slash + 1)) {
+        const std::string prefix = folder.substr(0, slash);
+        if (mkdir(prefix.c_str(), 0700) != 0 && errno != EEXIST) {
+            throwMapError(kExitEnvironment, "creating the folder of", path);
+        }
+    }
+}
+
+// ---- Per-UID traffic: system UIDs and 300 apps. ----
+
+std::vector<uint32_t> trafficUids() {
+    std::vector<uint32_t> uids = {0, 1000, 1001, 1013, 1021, 1051, 1073};
+    for (uint32_t uid = 10000; uid < 10300; ++uid) uids.push_back(uid);
+    return uids;
+}
+
+StatsValue trafficOf(uint32_t uid) {
+    const uint64_t h = mix(uid);
+    const uint64_t rxPackets = 50 + h % 40000;
+    const uint64_t txPackets = 30 + (h >> 32) % 30000;
+    return {rxPackets, rxPackets * (120 + (h >> 16) % 1300), txPackets,
+            txPackets * (80 + (h >> 48) % 900)};
+}
+
+void seedTraffic() {
+    KernelMap netd(maps::kNetdAppUidStats);
+    KernelMap vendor(maps::kUidPurStats);
+    for (uint32_t uid : trafficUids()) {
+        const StatsValue s = trafficOf(uid);
+        netd.put(uid, s);
+        // The vendor's map follows the apps only, with its two counters of its own.
+        if (uid >= 10000 && uid < 10200) {
+            const uint64_t h = mix(uid + 1);
+            vendor.put(uid,
+                       {s.rxPackets, s.rxBytes, s.txPackets, s.txBytes, h % 500, (h >> 20) % 50});
+        }
+    }
+}
+
+// ---- Freeze accounting: records of frozen apps, and the settings. ----
+
+void seedFreeze(uint64_t nowNs) {
+    KernelMap syns(maps::kAppFreezeSyn);
+    for (uint64_t i = 0; i < 6; ++i) {
+        const uint64_t key = (uint64_t{10040} + 7 * i) << 32 | (i % 2 ? 5228 : 443);
+        syns.put(key, {{3 + i, ago(nowNs, 1000 * (i + 1))}});
+    }
+    KernelMap stats(maps::kAppFreezeStats);
+    for (uint64_t uid : {10052u, 10061u, 10075u, 10088u}) {
+        const uint64_t h = mix(uid);
+        stats.put(uid, {{h % 90000, (h >> 20) % 40000, h % 90, (h >> 40) % 60, (h >> 8) % 7}});
+    }
+    KernelMap(maps::kAppFreezeConfig).put(1, {1, 30, 600});
+}
+
+// ---- Speeds: sockets and (UID, interface) pairs, fresh and stale. ----
+
+// Interface 1 is the loopback on every Linux machine, so its subnet (127.0.0.0/8) is known;
+// 21 and 22 play Wi-Fi and cellular and are never asked about.
+constexpr uint32_t kLoopback = 1;
+constexpr uint32_t kWifi = 21;
+constexpr uint32_t kCellular = 22;
+
+struct DemoSocket {
+    uint64_t cookie;
+    uint32_t uid;
+    uint32_t ifindex;
+    uint64_t firstSpeed, secondSpeed;  // kbps * 1000
+    uint64_t firstAgeMs, secondAgeMs;
+    const char* peer;
+};
+
+// Fresh: under a second old. Stale: three or four minutes old.
+constexpr DemoSocket kSockets[] = {
+        {40961, 10012, kWifi, 2400000, 800000, 150, 150, "142.250.74.46"},
+        {40962, 10031, kWifi, 40000, 12000, 300, 300, "157.240.1.35"},
+        {40963, 10047, kCellular, 15600000, 1100000, 80, 80, "151.101.1.69"},
+        {40964, 10012, kWifi, 3000000, 900000, 180000, 180000, "142.250.74.99"},
+        {40965, 10058, kCellular, 700000, 50000, 240000, 240000, "93.184.216.34"},
+        {40966, 10058, kCellular, 9000000, 500000, 180000, 200, "93.184.216.35"},
+        {40967, 10063, kLoopback, 3000000, 3000000, 100, 100, "127.0.0.9"},
+        {40968, 10031, kWifi, 20000, 0, 100, 100, "157.240.1.36"},
+};
+
+struct DemoPair {
+    uint32_t uid;
+    uint32_t ifindex;
+    uint64_t firstSpeed, secondSpeed;
+    uint64_t firstAgeMs, secondAgeMs;
+};
+
+constexpr DemoPair kPairs[] = {
+        {10012, kWifi, 1200000, 300000, 150, 150},
+        {10012, kCellular, 800000, 100000, 180000, 180000},
+        {10031, kWifi, 0, 0, 200, 200},
+        {10047, kCellular, 5500000, 2000000, 90, 90},
+        {10058, kWifi, 4000000, 250000, 180000, 120},
+        {10063, kCellular, 300000, 300000, 240000, 240000},
+};
+
+SpeedsValue speedRecord(uint32_t tag, uint32_t ifindex, uint64_t firstSpeed, uint64_t firstStamp,
+                        uint64_t secondSpeed, uint64_t secondStamp) {
+    SpeedsValue v{};
+    v.tag = tag;
+    v.ifindex = ifindex;
+    v.firstSpeed = firstSpeed;
+    v.firstStamp = firstStamp;
+    v.secondSpeed = secondSpeed;
+    v.secondStamp = secondStamp;
+    return v;
+}
+
+SocketTuple socketInfo(const DemoSocket& s) {
+    SocketTuple t{};
+    t.ifindex = s.ifindex;
+    t.ipv4Valid = 1;
+    t.remoteAddr4 = inet_addr(s.peer);
+    return t;
+}
+
+void seedSpeeds(uint64_t nowNs) {
+    KernelMap measured(maps::kAppSocketSpeedsIfindex);
+    measured.put(kLoopback, {1, 1});
+    measured.put(kWifi, {1, 0});
+    measured.put(kCellular, {1, 0});
+    KernelMap(maps::kAppSocketSpeedsConfig).put(0, 3);
+
+    KernelMap sockets(maps::kAppSocketSpeeds);
+    KernelMap info(maps::kAppSocketInfo);
+    for (const DemoSocket& s : kSockets) {
+        sockets.put(s.cookie, speedRecord(s.uid, s.ifindex, s.firstSpeed, ago(nowNs, s.firstAgeMs),
+                                          s.secondSpeed, ago(nowNs, s.secondAgeMs)));
+        info.put(s.cookie, socketInfo(s));
+    }
+    KernelMap pairs(maps::kAppUidSpeeds);
+    for (const DemoPair& p : kPairs) {
+        pairs.put({p.uid, p.ifindex},
+                  speedRecord(0, p.ifindex, p.firstSpeed, ago(nowNs, p.firstAgeMs), p.secondSpeed,
+                              ago(nowNs, p.secondAgeMs)));
+    }
+}
+
+// ---- Wake-up detector: counters of 20 apps per map, heartbeats, screen, overflow flags. ----
+
+template <typename V>
+void seedCounters(const PinnedMap<uint32_t, V>& map, uint64_t salt) {
+    KernelMap counters(map);
+    for (uint32_t i = 0; i < 20; ++i) {
+        const uint32_t uid = 10000 + (salt * 37 + i * 13) % 300;
+        counters.put(uid, static_cast<V>(1 + mix(uid * 16 + salt) % 400));
+    }
+}
+
+template <typename V>
+void seedSequences(const PinnedMap<uint64_t, V>& map, uint64_t salt) {
+    KernelMap sequences(map);
+    for (uint64_t cookie = 40961; cookie < 40993; ++cookie) {
+        sequences.put(cookie, static_cast<V>(mix(cookie + salt)));
+    }
+}
+
+void seedWakeup(uint64_t nowNs) {
+    seedCounters(maps::kAppTcpFinDrop, 0);
+    seedCounters(maps::kAppTcpInwakeup, 1);
+    seedCounters(maps::kAppTcpOutwakeup, 2);
+    seedCounters(maps::kAppTcpWakeupduration, 3);
+    seedCounters(maps::kAppTcpOutImHb, 4);
+    seedCounters(maps::kAppTcpOutAlign, 5);
+    seedCounters(maps::kAppTcpInKeepAlive, 6);
+    seedCounters(maps::kAppTcpReinwakeup, 7);
+    seedCounters(maps::kAppTcpReoutwakeup, 8);
+    seedSequences(maps::kSkTcpCookieInSeq, 1);
+    seedSequences(maps::kSkTcpCookieOutSeq, 2);
+    seedSequences(maps::kSkTcpCookieOutAck, 3);
+
+    KernelMap heartbeats(maps::kImAppHbLen);
+    heartbeats.put(10010, 300);
+    heartbeats.put(10020, 270);
+    heartbeats.put(10031, 600);
+
+    // The screen went on an hour ago.
+    KernelMap screen(maps::kScreenState);
+    screen.put(1, 2);
+    screen.put(3, ago(nowNs, 3600 * 1000));
+
+    // The kernel side found the inbound sequence map (1) and the inbound wake-up map (8)
+    // overflowing. Value 2 and key 64 mean nothing to the library and stay as they are.
+    KernelMap overflow(maps::kOverflowingMapCheck);
+    overflow.put(1, 1);
+    overflow.put(8, 1);
+    overflow.put(2, 2);
+    overflow.put(64, 1);
+}
+
+// ---- Blocking: one app cut off by each switch. ----
+
+void seedFirewall() {
+    KernelMap(maps::kAppNetDisconnLimit).put(10066, 1);
+    KernelMap(maps::kAppVuskLimit).put(10077, 1);
+}
+
+}  // namespace
+
+void createCatalogueMaps() {
+    for (const PinnedMapInfo& row : kPinnedMaps) {
+        makeParentFolders(row.path);
+        RawMap::create(row, kSandboxMapEntries);
+    }
+}
+
+void seedDemo(uint64_t nowNs) {
+    seedTraffic();
+    seedFreeze(nowNs);
+    seedSpeeds(nowNs);
+    seedWakeup(nowNs);
+    seedFirewall();
+}
+
+uint64_t monotonicNowNs() {
+    timespec now{};
+    clock_gettime(CLOCK_MONOTONIC, &now);
+    return static_cast<uint64_t>(now.tv_sec) * 1000000000ull + static_cast<uint64_t>(now.tv_nsec);
+}
+
+}  // namespace kovra::tool
