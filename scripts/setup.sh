@@ -9,6 +9,7 @@ packages=(
     libgtest-dev libbenchmark-dev
     clang libclang-rt-14-dev valgrind
     libcli11-dev nlohmann-json3-dev
+    libbpf-dev libnl-route-3-dev
     "$@"
 )
 

@@ -3,37 +3,35 @@
 #include "Sandbox.h"
 
 #include <errno.h>
-#include <sched.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
-#include <sys/mount.h>
 #include <unistd.h>
 
+#include <kovrasandbox/Bpffs.h>
+#include <kovrasandbox/Maps.h>
+#include <kovrasandbox/Seed.h>
+
 #include "Commands.h"
-#include "Seed.h"
 
 namespace kovra::tool {
 namespace {
 
-constexpr char kBpffs[] = "/sys/fs/bpf";
-
-[[noreturn]] void fail(const std::string& what) {
-    throw ToolError(kExitEnvironment, "sandbox: " + what + ": " + strerror(errno));
-}
-
-// From here on this process and its children see a bpffs of their own at /sys/fs/bpf; the
-// machine's (if it has one) stays as it is, and ours vanishes with the last of them.
-void enterPrivateBpffs() {
-    if (geteuid() != 0) {
-        throw ToolError(kExitEnvironment,
-                        "sandbox: needs root (CAP_SYS_ADMIN and CAP_BPF) to mount a private bpffs; "
-                        "try: sudo kovractl sandbox");
+// From here on this process and its children see a bpffs of their own at /sys/fs/bpf holding
+// every map of the catalogue; the machine's (if it has one) stays as it is, and ours vanishes
+// with the last of them.
+void standUp(bool seed) {
+    const std::string problem = sandbox::enterPrivateBpffs();
+    if (!problem.empty()) {
+        const char* hint = geteuid() != 0 ? "; try: sudo kovractl sandbox" : "";
+        throw ToolError(kExitEnvironment, "sandbox: " + problem + hint);
     }
-    if (unshare(CLONE_NEWNS) != 0) fail("unshare(CLONE_NEWNS)");
-    // Without this the mount below would propagate back into the machine's namespace.
-    if (mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0) fail("making / private");
-    if (mount("bpf", kBpffs, "bpf", 0, nullptr) != 0) fail("mounting a bpffs at /sys/fs/bpf");
+    try {
+        sandbox::createCatalogueMaps();
+        if (seed) sandbox::seedDemo();
+    } catch (const sandbox::Error& error) {
+        throw ToolError(kExitEnvironment, std::string("sandbox: ") + error.what());
+    }
 }
 
 std::vector<char*> argvOf(std::vector<std::string>& command) {
@@ -46,9 +44,7 @@ std::vector<char*> argvOf(std::vector<std::string>& command) {
 }  // namespace
 
 int runSandbox(const SandboxOptions& options) {
-    enterPrivateBpffs();
-    createCatalogueMaps();
-    if (options.seed == "demo") seedDemo(monotonicNowNs());
+    standUp(options.seed == "demo");
 
     std::vector<std::string> command = options.command;
     if (command.empty()) {
@@ -57,7 +53,7 @@ int runSandbox(const SandboxOptions& options) {
         fprintf(stderr,
                 "kovractl sandbox: private bpffs at %s with %zu maps%s; leave the shell to drop "
                 "it\n",
-                kBpffs, android::bpf::kPinnedMaps.size(),
+                sandbox::kBpffs, android::bpf::kPinnedMaps.size(),
                 options.seed.empty() ? "" : ", demo data seeded");
     }
     setenv("KOVRA_SANDBOX", "1", 1);
