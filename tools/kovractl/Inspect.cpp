@@ -157,12 +157,12 @@ void requireMaps(const MapNeeds& maps) {
     for (const auto& [row, access] : maps) {
         const MapState state = inspectMap(*row, access);
         if (state.state == "ok") continue;
-        if (!problems.empty()) problems += "\nkovractl: ";
+        if (!problems.empty()) problems += "\n";
         problems += std::string(row->path) + ": " + state.state + ": " + state.problem;
     }
     if (!problems.empty()) {
         throw ToolError(kExitEnvironment,
-                        problems + "\nkovractl: nothing was changed; `kovractl maps` shows every "
+                        problems + "\nnothing was changed; `kovractl maps` shows every "
                                    "map, `kovractl sandbox` gives a private set to try things on");
     }
 }

@@ -81,12 +81,13 @@ struct WakeupOptions {
 };
 
 int readCounters(const Context& ctx, const WakeupOptions& opts) {
+    // In the order given, all nine by default.
+    const std::vector<std::string> names = opts.maps.empty() ? shortNames() : opts.maps;
     std::vector<const CounterMap*> chosen;
     MapNeeds needed;
-    for (const CounterMap& map : counterMaps()) {
-        const std::string name = shortName(map.path);
-        if (opts.maps.empty() ||
-            std::find(opts.maps.begin(), opts.maps.end(), name) != opts.maps.end()) {
+    for (const std::string& name : names) {
+        for (const CounterMap& map : counterMaps()) {
+            if (shortName(map.path) != name) continue;
             chosen.push_back(&map);
             needed.push_back({&rowOf(map.path), Access::kReadOnly});
         }
@@ -167,9 +168,10 @@ int showScreen(const Context& ctx) {
                         {"overflow", overflow.toJson()}});
         return kExitOk;
     }
+    auto text = [](const Json& value) { return value.is_null() ? std::string("-") : value.dump(); };
     printf("screen: %s (state code %s), last off at stamp %s, last on at stamp %s\n",
-           name.is_null() ? "never set" : name.get<std::string>().c_str(), code.dump().c_str(),
-           state[2].dump().c_str(), state[3].dump().c_str());
+           name.is_null() ? "never set" : name.get<std::string>().c_str(), text(code).c_str(),
+           text(state[2]).c_str(), text(state[3]).c_str());
     printf("overflow flags (1: reset by the next `screen on`):\n");
     overflow.print();
     return kExitOk;

@@ -213,7 +213,12 @@ int run(std::vector<std::string> args) {
     try {
         code = ctx.action();
     } catch (const ToolError& error) {
-        fprintf(stderr, "kovractl: %s\n", error.what());
+        // One line each for several problems (every map that does not fit, say).
+        std::string lines = error.what();
+        for (size_t at = 0; (at = lines.find('\n', at)) != std::string::npos; at += 11) {
+            lines.insert(at + 1, "kovractl: ");
+        }
+        fprintf(stderr, "kovractl: %s\n", lines.c_str());
         if (json && !error.inJson()) {
             printf("%s\n", Json({{"error", error.what()}, {"exitCode", error.exitCode()}}).dump().c_str());
         }
