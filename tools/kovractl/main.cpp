@@ -83,6 +83,15 @@ const CLI::App* subcommandNamed(const CLI::App* command, const std::string& name
     return nullptr;
 }
 
+// A command's help with its whole name in the usage line: "Usage: kovractl stats uids ...".
+std::string helpOf(const CLI::App* command) {
+    std::string parents;
+    for (const CLI::App* p = command->get_parent(); p != nullptr; p = p->get_parent()) {
+        parents = p->get_name() + (parents.empty() ? "" : " " + parents);
+    }
+    return command->help(parents);
+}
+
 // The command that the words before `help` (or the last word) name, skipping options.
 const CLI::App* commandNamed(const CLI::App& app, const std::vector<std::string>& words) {
     const CLI::App* current = &app;
@@ -98,13 +107,19 @@ const CLI::App* commandNamed(const CLI::App& app, const std::vector<std::string>
 // `kovractl __complete WORD...`: the words that may follow, for the bash completion.
 void printCompletions(const CLI::App& app, const std::vector<std::string>& words) {
     const CLI::App* command = commandNamed(app, words);
-    for (const CLI::App* sub : subcommandsOf(command)) printf("%s\n", sub->get_name().c_str());
+    std::vector<std::string> next;
+    for (const CLI::App* sub : subcommandsOf(command)) next.push_back(sub->get_name());
+    if (command != &app) next.push_back("help");
     for (const CLI::App* c = command; c != nullptr; c = c->get_parent()) {
         for (const CLI::Option* option : c->get_options()) {
-            for (const std::string& name : option->get_lnames()) printf("--%s\n", name.c_str());
+            for (const std::string& name : option->get_lnames()) {
+                if (std::find(next.begin(), next.end(), "--" + name) == next.end()) {
+                    next.push_back("--" + name);
+                }
+            }
         }
     }
-    if (command != &app && command->get_subcommands({}).empty()) printf("help\n");
+    for (const std::string& word : next) printf("%s\n", word.c_str());
 }
 
 std::string roff(std::string text) {
@@ -116,7 +131,7 @@ std::string roff(std::string text) {
 }
 
 void printManSection(const CLI::App* command, const std::string& path) {
-    printf(".SS \"%s\"\n.nf\n%s\n.fi\n", path.c_str(), roff(command->help()).c_str());
+    printf(".SS \"%s\"\n.nf\n%s\n.fi\n", path.c_str(), roff(helpOf(command)).c_str());
     for (const CLI::App* sub : subcommandsOf(command)) {
         printManSection(sub, path + " " + sub->get_name());
     }
@@ -145,7 +160,7 @@ int usageError(const CLI::App& app, const CLI::ParseError& error, bool json,
     if (!unknown.empty() && error.get_name() == "RequiredError") {
         message = "unknown subcommand '" + unknown.front() + "'";
     }
-    fprintf(stderr, "kovractl: %s\n\n%s", message.c_str(), command->help().c_str());
+    fprintf(stderr, "kovractl: %s\n\n%s", message.c_str(), helpOf(command).c_str());
     if (json) printf("%s\n", Json({{"error", message}, {"exitCode", kExitUsage}}).dump().c_str());
     return kExitUsage;
 }
@@ -189,7 +204,7 @@ int run(std::vector<std::string> args) {
             if (!isGlobalFlag(*word)) command = subcommandNamed(command, *word);
         }
         if (command != nullptr) {
-            printf("%s", command->help().c_str());
+            printf("%s", helpOf(command).c_str());
             return kExitOk;
         }
     }
