@@ -137,6 +137,20 @@ void printListing(const Context& ctx, const Listing& listing, size_t total, cons
     for (const std::string& line : listing.lines) printf("%s\n", line.c_str());
 }
 
+// Plain decimal seconds from 0.1 to 3600, in the spirit of the other numbers: no sign, blank
+// or exponent.
+std::string checkSeconds(const std::string& text) {
+    const size_t dot = text.find('.');
+    const std::string whole = text.substr(0, dot);
+    const std::string fraction = dot == std::string::npos ? "0" : text.substr(dot + 1);
+    const bool plain = !whole.empty() && !fraction.empty() &&
+                       whole.find_first_not_of("0123456789") == std::string::npos &&
+                       fraction.find_first_not_of("0123456789") == std::string::npos;
+    const double value = plain ? strtod(text.c_str(), nullptr) : 0;
+    if (plain && value >= 0.1 && value <= 3600) return "";
+    return "'" + text + "' is not a number of seconds from 0.1 to 3600";
+}
+
 }  // namespace
 
 void addListOptions(CLI::App* command, ListOptions& options, bool watchable) {
@@ -147,7 +161,7 @@ void addListOptions(CLI::App* command, ListOptions& options, bool watchable) {
     command->add_option("--interval", options.interval,
                         "List again every SECONDS (0.1 to 3600), with per-second rates of "
                         "counters; Ctrl-C ends it")
-            ->check(CLI::Range(0.1, 3600.0));
+            ->check(CLI::Validator(checkSeconds, "SECONDS"));
     command->add_option("--count", options.count, "With --interval: stop after N listings")
             ->check(unsignedNumber(UINT32_MAX));
 }

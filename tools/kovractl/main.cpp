@@ -92,13 +92,15 @@ std::string helpOf(const CLI::App* command) {
     return command->help(parents);
 }
 
-// The command that the words before `help` (or the last word) name, skipping options.
-const CLI::App* commandNamed(const CLI::App& app, const std::vector<std::string>& words) {
+// The innermost command that `words` name, skipping options. With `strict`, every word must be
+// a global flag or the next subcommand's name, or there is none (nullptr).
+const CLI::App* commandNamed(const CLI::App& app, const std::vector<std::string>& words,
+                             bool strict = false) {
     const CLI::App* current = &app;
     for (const std::string& word : words) {
-        if (!word.empty() && word[0] == '-') continue;
+        if (strict ? isGlobalFlag(word) : (!word.empty() && word[0] == '-')) continue;
         const CLI::App* sub = subcommandNamed(current, word);
-        if (sub == nullptr) break;
+        if (sub == nullptr) return strict ? nullptr : current;
         current = sub;
     }
     return current;
@@ -122,11 +124,13 @@ void printCompletions(const CLI::App& app, const std::vector<std::string>& words
     for (const std::string& word : next) printf("%s\n", word.c_str());
 }
 
-std::string roff(std::string text) {
+std::string roff(const std::string& text) {
     std::string out;
-    for (char c : text) out += c == '\\' ? std::string("\\e") : std::string(1, c);
-    // A line that starts with a dot or a quote would be read as a request.
-    for (size_t at = 0; (at = out.find("\n.", at)) != std::string::npos; at += 4) out.insert(at + 1, "\\&");
+    for (size_t i = 0; i < text.size(); ++i) {
+        // A line that starts with a dot or a quote would be read as a request.
+        if ((i == 0 || text[i - 1] == '\n') && (text[i] == '.' || text[i] == '\'')) out += "\\&";
+        out += text[i] == '\\' ? std::string("\\e") : std::string(1, text[i]);
+    }
     return out;
 }
 
@@ -199,11 +203,8 @@ int run(std::vector<std::string> args) {
     }
     // `help` as the last word after a command's name: that command's help.
     if (!args.empty() && args.back() == "help") {
-        const CLI::App* command = &app;
-        for (auto word = args.begin(); command != nullptr && word + 1 != args.end(); ++word) {
-            if (!isGlobalFlag(*word)) command = subcommandNamed(command, *word);
-        }
-        if (command != nullptr) {
+        const std::vector<std::string> before(args.begin(), args.end() - 1);
+        if (const CLI::App* command = commandNamed(app, before, true)) {
             printf("%s", helpOf(command).c_str());
             return kExitOk;
         }
