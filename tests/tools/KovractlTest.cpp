@@ -193,7 +193,12 @@ TEST_F(KovractlTest, StatusesAndViews) {
             }
         }
     }
+    const KovraStatsValue v = *tool::KernelMap(maps::kUidPurStats).get(10123);
     const std::vector<std::pair<std::vector<std::string>, json>> views = {
+            {{"stats", "pur", "10123"},
+             {{{"uid", 10123}, {"rxPackets", v.rxPackets}, {"rxBytes", v.rxBytes},
+               {"txPackets", v.txPackets}, {"txBytes", v.txBytes}, {"extra0", v.extra0},
+               {"extra1", v.extra1}}}},
             {{"dump", "app_freeze_config"},
              {{"app_freeze_config", {{{"key", 1}, {"word0", 1}, {"word1", 30}, {"word2", 600}}}}}},
             {{"net", "list"},

@@ -239,6 +239,10 @@ int run(std::vector<std::string> args) {
             printf("%s\n", Json({{"error", error.what()}, {"exitCode", error.exitCode()}}).dump().c_str());
         }
         code = error.exitCode();
+    } catch (const std::exception& error) {
+        // Not a user's mistake, but still one line and an exit code rather than an abort.
+        fprintf(stderr, "kovractl: internal error: %s\n", error.what());
+        code = kExitFailed;
     }
     // Every write is checked here, at the end: a full disk or a closed stdout fails the command.
     if (fflush(stdout) != 0 || ferror(stdout)) {
