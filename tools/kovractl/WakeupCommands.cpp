@@ -106,10 +106,6 @@ int readCounters(const Context& ctx, const WakeupOptions& opts) {
                       }
                   }
                   Listing listing;
-                  listing.rows.columns = {"uid"};
-                  for (const CounterMap* map : chosen) {
-                      listing.rows.columns.push_back(camel(shortName(map->path)));
-                  }
                   for (auto& [uid, values] : byUid) {
                       listing.rows.rows.push_back({uid});
                       auto& row = listing.rows.rows.back();

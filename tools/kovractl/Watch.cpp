@@ -117,6 +117,17 @@ void sortAndCut(Rows& rows, const ListOptions& options) {
     if (options.top > 0 && rows.rows.size() > options.top) rows.rows.resize(options.top);
 }
 
+// Reads one listing, with rates when watching, sorted and cut; `total` is its row count before
+// the cut.
+Listing take(const View& view, const ListOptions& options, Rates* rates, size_t& total) {
+    Listing listing = view.list();
+    if (listing.rows.columns.empty()) listing.rows.columns = view.columns;
+    if (rates != nullptr) rates->add(view, listing.rows, monotonicSeconds());
+    total = listing.rows.rows.size();
+    sortAndCut(listing.rows, options);
+    return listing;
+}
+
 Json listingJson(const Listing& listing) {
     Json out = {{"rows", listing.rows.toJson()}};
     out.update(listing.changes);
@@ -158,25 +169,22 @@ void addListOptions(CLI::App* command, ListOptions& options, bool watchable) {
     command->add_option("--top", options.top, "Show only the first N rows")
             ->check(unsignedNumber(UINT32_MAX));
     if (!watchable) return;
-    command->add_option("--interval", options.interval,
-                        "List again every SECONDS (0.1 to 3600), with per-second rates of "
-                        "counters; Ctrl-C ends it")
-            ->check(CLI::Validator(checkSeconds, "SECONDS"));
+    CLI::Option* interval =
+            command->add_option("--interval", options.interval,
+                                "List again every SECONDS (0.1 to 3600), with per-second rates of "
+                                "counters; Ctrl-C ends it")
+                    ->check(CLI::Validator(checkSeconds, "SECONDS"));
     command->add_option("--count", options.count, "With --interval: stop after N listings")
-            ->check(unsignedNumber(UINT32_MAX));
+            ->check(unsignedNumber(UINT32_MAX))
+            ->needs(interval);
 }
 
 int present(const Context& ctx, const ListOptions& options, const View& view) {
     const bool watching = options.interval > 0;
-    if (options.count > 0 && !watching) throw ToolError(kExitUsage, "--count goes with --interval");
     if (!options.sort.empty()) columnIndex(allColumns(view, watching), options.sort);
-
+    size_t total = 0;
     if (!watching) {
-        Listing listing = view.list();
-        if (listing.rows.columns.empty()) listing.rows.columns = view.columns;
-        const size_t total = listing.rows.rows.size();
-        sortAndCut(listing.rows, options);
-        printListing(ctx, listing, total, view);
+        printListing(ctx, take(view, options, nullptr, total), total, view);
         return kExitOk;
     }
     stopOnInterrupt();
@@ -185,11 +193,7 @@ int present(const Context& ctx, const ListOptions& options, const View& view) {
     for (size_t n = 0; !gStop && (options.count == 0 || n < options.count); ++n) {
         if (n > 0) pause(options.interval);
         if (gStop) break;
-        Listing listing = view.list();
-        if (listing.rows.columns.empty()) listing.rows.columns = view.columns;
-        rates.add(view, listing.rows, monotonicSeconds());
-        const size_t total = listing.rows.rows.size();
-        sortAndCut(listing.rows, options);
+        const Listing listing = take(view, options, &rates, total);
         const time_t now = time(nullptr);
         if (ctx.jsonOutput()) {
             Json line = {{"time", now}};
