@@ -25,6 +25,12 @@ if(TARGET kovractl)
     set_target_properties(kovractl PROPERTIES
         INSTALL_RPATH "$ORIGIN/../${CMAKE_INSTALL_LIBDIR};${KOVRA_ANDROID_LIBDIR}")
     install(TARGETS kovractl RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
+    install(FILES ${PROJECT_SOURCE_DIR}/tools/kovractl/kovractl.bash
+            DESTINATION ${CMAKE_INSTALL_DATADIR}/bash-completion/completions RENAME kovractl)
+    if(TARGET kovractl_man)
+        install(FILES ${PROJECT_BINARY_DIR}/tools/kovractl/kovractl.1
+                DESTINATION ${CMAKE_INSTALL_MANDIR}/man1)
+    endif()
 endif()
 
 install(EXPORT kovrabpfTargets NAMESPACE kovrabpf:: DESTINATION ${KOVRA_CMAKE_DIR})

@@ -21,7 +21,7 @@ run() {
 }
 
 # Entry count of one map, read beside the services by `kovractl maps`.
-entries() { "$kovractl" maps | awk -v name="$1" '$1 == name { print $5 }'; }
+entries() { "$kovractl" maps | awk -v name="$1" '$1 == name { print $6 }'; }
 
 # Runs a command and reports how it changed the entry count of one map.
 counted() {
@@ -36,14 +36,16 @@ traffic() {
     step "Traffic totals: netd's per-UID statistics and the vendor's own"
     run stats uids | sed -n '1,6p;$p'
     run stats pur 10005
-    echo "   A UID without an entry: the lookup's ENOENT is exit 100 + 2, with the library's log line."
+    echo "   A UID without an entry: the lookup's ENOENT (status -2) is exit 4, with the library's log line."
     run stats pur 9
+    echo "   Watching: a listing every half second, with rates from the counters' deltas."
+    run stats uids --interval 0.5 --count 2 --sort rxBytes --top 3
 }
 
 freeze() {
     step "Freeze accounting: harvesting frozen apps' records, and the settings"
-    echo "   A harvest hands over every record, then empties the kernel map."
-    counted app_freeze_syn freeze syns
+    echo "   A harvest hands over every record, then empties the kernel map, and says so."
+    run freeze syns
     echo "   Nothing new since: the second harvest is empty."
     run freeze syns
     run freeze stats
@@ -51,6 +53,8 @@ freeze() {
     echo "   -v shows the library's DEBUG line for a write."
     run -v freeze config set 2 45 900
     run freeze config get
+    echo "   A fresh process never writes 0 0 0: the library skips it, and kovractl says so."
+    run freeze config set 0 0 0
 }
 
 speeds() {
@@ -58,39 +62,30 @@ speeds() {
     echo "   Sockets at 100 kbps or more (or watched and moving). Both directions older than 30 s:"
     echo "   pruned with their socket information. 40967 talks to 127.0.0.9 on the loopback,"
     echo "   measured with the local filter: left out. 40968 is slow but watched."
-    local info
-    info=$(entries app_socket_info)
-    counted app_socket_speeds speeds sockets --stale-ms 30000 --min-kbps 100 --watch 40968
-    printf '   app_socket_info entries: %s -> %s\n' "$info" "$(entries app_socket_info)"
+    run -v speeds sockets --stale-ms 30000 --min-kbps 100 --watch 40968
     echo "   Every live pair, 0 kbps included; stale pairs pruned."
-    counted app_uid_speeds speeds uids --stale-ms 30000
+    run speeds uids --stale-ms 30000
     echo "   Taking interface 22 out of measurement wipes its sockets, pairs and socket information."
-    local sockets pairs
-    sockets=$(entries app_socket_speeds)
-    pairs=$(entries app_uid_speeds)
-    info=$(entries app_socket_info)
-    counted app_socket_speeds_ifindex speeds iface 22 off
-    printf '   app_socket_speeds entries: %s -> %s, app_uid_speeds: %s -> %s, app_socket_info: %s -> %s\n' \
-        "$sockets" "$(entries app_socket_speeds)" "$pairs" "$(entries app_uid_speeds)" \
-        "$info" "$(entries app_socket_info)"
+    run speeds iface 22 off
+    echo "   The measured interfaces and the configuration word, read without a service."
+    run speeds iface
     run speeds iface 5 on --local
     run speeds config 7
+    run speeds config
 }
 
 wakeup() {
     step "TCP wake-up detector: per-UID counters, heartbeat lengths, screen state"
     run wakeup inwakeup outwakeup wakeupduration | sed -n '1,6p;$p'
-    counted im_app_hb_len wakeup hb-len 10044 240
+    run wakeup hb-len 10044 240
+    run wakeup hb-len
     echo "   Screen off drops every registered heartbeat length."
-    counted im_app_hb_len screen off 1000
+    run screen off 1000
+    echo "   The screen state and the overflow flags the kernel side set."
+    run screen
     echo "   Screen on resets the maps the kernel side flagged as overflowing (flags 1 and 8:"
     echo "   inbound sequences and inbound wake-ups) and logs the mask with no tag."
-    local seq wake
-    seq=$(entries sk_tcp_cookie_in_seq)
-    wake=$(entries app_tcp_inwakeup)
     run screen on 2000
-    printf '   sk_tcp_cookie_in_seq entries: %s -> %s, app_tcp_inwakeup entries: %s -> %s\n' \
-        "$seq" "$(entries sk_tcp_cookie_in_seq)" "$wake" "$(entries app_tcp_inwakeup)"
     echo "   Nothing is flagged any more: a second screen on resets nothing and logs nothing."
     run screen on 3000
 }
@@ -104,12 +99,15 @@ blocking() {
     echo "   The legacy switch: rule 1 lets the app back on, any other rule blocks it."
     counted app_vusk_limit net legacy 10077 1
     counted app_vusk_limit net legacy 10088 0
+    run net list
 }
 
 scenario() {
     kovractl=$1
     echo "Sandbox: a private bpffs at /sys/fs/bpf with every map the services use, seeded."
     run maps | head -4
+    echo "   Any map, decoded by its records, without a service and without changing it."
+    run dump screen_state app_freeze_config
     traffic
     freeze
     speeds

@@ -21,8 +21,9 @@ struct Outcome {
 };
 std::ostream& operator<<(std::ostream& os, const Outcome& run);
 
-// Runs kovractl with `args` and waits for it. `asUser` runs it with that uid instead of root.
-Outcome kovractl(const std::vector<std::string>& args, int asUser = 0);
+// Runs kovractl with `args` and waits for it. `asUser` runs a copy of it, in a directory that
+// user can reach, with that uid instead of root; `out` names a file to take its stdout.
+Outcome kovractl(const std::vector<std::string>& args, int asUser = 0, const char* out = nullptr);
 
 // kovractl's stdout parsed as JSON (a test failure when it is not).
 nlohmann::json jsonOf(const Outcome& run);
@@ -31,13 +32,12 @@ nlohmann::json jsonOf(const Outcome& run);
 using Snapshot = std::map<std::string, std::map<std::vector<uint8_t>, std::vector<uint8_t>>>;
 Snapshot snapshotMaps();
 
-// A test on the demo data set, created afresh in the private bpffs before each test.
+// A test on the demo data set, created afresh in the private bpffs before each test (and by
+// fresh() within one).
 class KovractlTest : public KernelTest {
   protected:
     void SetUp() override;
+    void fresh() { SetUp(); }
 };
-
-// The rows of a printed table, split on blanks; the header row first.
-std::vector<std::vector<std::string>> tableRows(const std::string& out);
 
 }  // namespace kovra::test

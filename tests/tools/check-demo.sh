@@ -9,17 +9,18 @@ echo "$output"
 
 expected=(
     "307 UIDs"                                             # traffic totals
-    "(exit 102)"                                           # a UID without an entry
-    "app_freeze_syn entries: 6 -> 0"                       # harvest empties the map
-    "0 records"                                            # the second harvest is empty
+    "(exit 4)"                                             # a UID without an entry
+    "top 3 of 307 UIDs"                                    # a watch, sorted and cut
+    "6 records harvested and removed from app_freeze_syn (0 entries left)"
+    "0 records harvested"                                  # the second harvest is empty
     "succ update config 2,45,900 over"                     # the library's DEBUG line with -v
-    "app_socket_speeds entries: 8 -> 6"                    # stale sockets pruned
-    "app_socket_info entries: 8 -> 6"                      # with their socket information
-    "app_uid_speeds entries: 6 -> 4"                       # stale pairs pruned
-    "app_socket_speeds entries: 6 -> 4, app_uid_speeds: 4 -> 3, app_socket_info: 6 -> 4"
-    "im_app_hb_len entries: 4 -> 0"                        # screen off drops heartbeat lengths
+    "freeze configuration 0 0 0 not written"               # the skipped write, told
+    "pruned 2 stale sockets: 40964 40965 (and 2 socket information records)"
+    "pruned 2 stale pairs"                                 # stale pairs pruned
+    "wiped for interface 22: 2 from app_socket_speeds, 1 from app_uid_speeds, 2 from app_socket_info, 1 from app_socket_speeds_ifindex"
+    "dropped 4 heartbeat lengths"                          # screen off drops heartbeat lengths
     "[BpfWakeupDetector] clear overflowing map:9"          # screen on resets flagged maps
-    "sk_tcp_cookie_in_seq entries: 32 -> 0, app_tcp_inwakeup entries: 20 -> 0"
+    "reset overflowing maps (mask 9): sk_tcp_cookie_in_seq (32 entries) app_tcp_inwakeup (20 entries)"
     "app_net_disconn_limit entries: 1 -> 2"                # block
     "app_vusk_limit entries: 1 -> 0"                       # legacy allow
     "Demo finished: every family walked."

@@ -3,17 +3,11 @@
 #include <errno.h>
 #include <stdio.h>
 #include <string.h>
-#include <unistd.h>
-
-#include <algorithm>
-#include <iostream>
 
 namespace kovra::tool {
 
 namespace {
 
-// Decimal without a leading zero, or 0x-hexadecimal. Octal is refused: a UID written with a
-// leading zero must not silently change its value.
 bool isUnsignedNumber(const std::string& text) {
     const bool hex = text.size() > 2 && text[0] == '0' && (text[1] == 'x' || text[1] == 'X');
     const std::string digits = hex ? text.substr(2) : text;
@@ -22,10 +16,26 @@ bool isUnsignedNumber(const std::string& text) {
            (hex || digits == "0" || digits[0] != '0');
 }
 
-bool isNumeric(const std::string& cell) {
-    return !cell.empty() && std::all_of(cell.begin(), cell.end(), [](char c) {
-        return isdigit(static_cast<unsigned char>(c)) || c == '-';
-    });
+// "rxBytesPerSec" -> "RX_BYTES_PER_SEC".
+std::string header(const std::string& column) {
+    std::string out;
+    for (char c : column) {
+        if (isupper(static_cast<unsigned char>(c)) && !out.empty()) out += '_';
+        out += static_cast<char>(toupper(static_cast<unsigned char>(c)));
+    }
+    return out;
+}
+
+std::string cellText(const Json& cell) {
+    if (cell.is_null()) return "-";
+    if (cell.is_string()) return cell.get<std::string>();
+    if (cell.is_boolean()) return cell.get<bool>() ? "yes" : "no";
+    if (cell.is_number_float()) {
+        char text[32];
+        snprintf(text, sizeof(text), "%.0f", cell.get<double>());
+        return text;
+    }
+    return cell.dump();
 }
 
 }  // namespace
@@ -60,66 +70,101 @@ std::string mapName(const char* path) {
     return name;
 }
 
-void requirePinned(android::bpf::MapFamily family) {
-    for (const auto& row : android::bpf::kPinnedMaps) {
-        if (row.family != family || access(row.path, F_OK) == 0) continue;
-        throw ToolError(kExitEnvironment,
-                        std::string(row.path) + " is not pinned (" + strerror(errno) +
-                                "): is the kernel side loaded? `kovractl sandbox` gives a private "
-                                "set of maps to try things on");
-    }
+void allOrNone(CLI::App* command, std::vector<CLI::Option*> options, std::function<void()> more) {
+    for (CLI::Option* option : options) option->required(false);
+    command->parse_complete_callback([command, options, more] {
+        const auto given = std::count_if(options.begin(), options.end(),
+                                         [](const CLI::Option* o) { return o->count() > 0; });
+        if (given != 0 && given != static_cast<long>(options.size())) {
+            throw CLI::ValidationError(command->get_name(),
+                                       "give all of its arguments to change, or none to show");
+        }
+        if (more) more();
+    });
 }
 
-int finish(int status, const std::string& what) {
-    const int code = exitCodeForStatus(status);
-    if (status == -1) {
-        fprintf(stderr, "kovractl: %s failed (status -1)\n", what.c_str());
-    } else if (status < 0) {
-        fprintf(stderr, "kovractl: %s failed: %s (status %d)\n", what.c_str(), strerror(-status),
-                status);
-    }
-    return code;
+std::string failureText(int status, const std::string& what) {
+    if (status == -1) return what + " failed (status -1)";
+    return what + " failed: " + strerror(-status) + " (status " + std::to_string(status) + ")";
 }
 
-int reportChange(const Context& ctx, int status, const std::string& what, Json details) {
-    if (status == 0) {
-        if (ctx.json) {
-            details["status"] = status;
-            printJson(details);
-        } else {
-            printf("%s: ok\n", what.c_str());
+void check(int status, const std::string& what) {
+    if (status < 0) throw ToolError(exitCodeForStatus(status), failureText(status, what));
+}
+
+Json Rows::toJson() const {
+    Json out = Json::array();
+    for (const auto& row : rows) {
+        Json object = Json::object();
+        for (size_t c = 0; c < columns.size(); ++c) object[columns[c]] = row[c];
+        out.push_back(object);
+    }
+    return out;
+}
+
+void Rows::print() const {
+    std::vector<std::vector<std::string>> text(1);
+    for (const std::string& column : columns) text[0].push_back(header(column));
+    std::vector<bool> rightAligned(columns.size(), true);
+    for (const auto& row : rows) {
+        text.emplace_back();
+        for (size_t c = 0; c < columns.size(); ++c) {
+            text.back().push_back(cellText(row[c]));
+            if (!row[c].is_number() && !row[c].is_null()) rightAligned[c] = false;
         }
     }
-    return finish(status, what);
+    std::vector<size_t> width(columns.size(), 0);
+    for (const auto& row : text) {
+        for (size_t c = 0; c < columns.size(); ++c) width[c] = std::max(width[c], row[c].size());
+    }
+    for (const auto& row : text) {
+        std::string line;
+        for (size_t c = 0; c < columns.size(); ++c) {
+            const std::string pad(width[c] - row[c].size(), ' ');
+            if (c > 0) line += "  ";
+            line += rightAligned[c] ? pad + row[c] : row[c] + (c + 1 < columns.size() ? pad : "");
+        }
+        printf("%s\n", line.c_str());
+    }
+}
+
+void printJson(const Context& ctx, const Json& value) {
+    printf("%s\n", value.dump(ctx.pretty ? 2 : -1).c_str());
+}
+
+void printRows(const Context& ctx, const Rows& rows, const std::string& noun) {
+    if (ctx.jsonOutput()) {
+        printJson(ctx, rows.toJson());
+        return;
+    }
+    rows.print();
+    printf("%s\n", countOf(rows.rows.size(), noun).c_str());
 }
 
 std::string countOf(size_t count, const std::string& noun) {
-    return std::to_string(count) + " " + noun + (count == 1 ? "" : "s");
+    if (count == 1) return "1 " + noun;
+    const bool y = !noun.empty() && noun.back() == 'y';
+    return std::to_string(count) + " " + (y ? noun.substr(0, noun.size() - 1) + "ies" : noun + "s");
 }
 
-void printJson(const Json& value) {
-    std::cout << value.dump(2) << '\n';
+int reportChange(const Context& ctx, int status, const std::string& what, Json details,
+                 const std::vector<std::string>& report) {
+    // What a change removed is told even when the service then reports a failure.
+    if (ctx.jsonOutput()) {
+        details["status"] = status;
+        if (status < 0) details["error"] = failureText(status, what);
+        printJson(ctx, details);
+    } else {
+        for (const std::string& line : report) printf("%s\n", line.c_str());
+        if (status == 0) printf("%s: ok\n", what.c_str());
+    }
+    if (status < 0) throw ToolError(exitCodeForStatus(status), failureText(status, what), true);
+    return kExitOk;
 }
 
-void Table::print() const {
-    const size_t columns = mRows.front().size();
-    std::vector<size_t> width(columns, 0);
-    std::vector<bool> rightAligned(columns, true);
-    for (size_t row = 0; row < mRows.size(); ++row) {
-        for (size_t c = 0; c < columns; ++c) {
-            width[c] = std::max(width[c], mRows[row][c].size());
-            if (row > 0 && !isNumeric(mRows[row][c])) rightAligned[c] = false;
-        }
-    }
-    for (const auto& row : mRows) {
-        std::string line;
-        for (size_t c = 0; c < columns; ++c) {
-            const std::string pad(width[c] - row[c].size(), ' ');
-            if (c > 0) line += "  ";
-            line += rightAligned[c] ? pad + row[c] : row[c] + (c + 1 < columns ? pad : "");
-        }
-        std::cout << line << '\n';
-    }
+Json entryCount(const android::bpf::PinnedMapInfo& row) {
+    const MapState state = inspectMap(row, Access::kReadOnly);
+    return state.entries ? Json(*state.entries) : Json(nullptr);
 }
 
 }  // namespace kovra::tool

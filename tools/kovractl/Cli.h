@@ -1,5 +1,5 @@
-// What every kovractl subcommand shares: the parsed global flags, argument checks, the map
-// check before a service runs, tables, JSON and the status-to-exit-code rule.
+// What every kovractl subcommand shares: the parsed global flags, argument checks, rows printed as
+// tables or JSON, and the rule that turns a service's status into an exit code.
 #pragma once
 
 #include <stdint.h>
@@ -15,6 +15,7 @@
 
 #include <kovrabpf/KovraPinnedMaps.h>
 
+#include "Inspect.h"
 #include "ToolError.h"
 
 namespace kovra::tool {
@@ -22,8 +23,15 @@ namespace kovra::tool {
 using Json = nlohmann::ordered_json;
 
 struct Context {
-    bool json = false;            // --json: machine-readable output instead of tables
+    bool json = false;            // -j: compact JSON instead of tables
+    bool pretty = false;          // -p: indented JSON
+    bool verbose = false;         // -v: the library's DEBUG lines, and which entries were removed
     std::function<int()> action;  // what the chosen subcommand does; returns the exit code
+    // Set once the output is the only copy of what a command removed (a harvest): the loss that
+    // an output failure means, told with it.
+    std::string outputHoldsOnlyCopy;
+    std::vector<std::string> sandboxCommand;  // what `kovractl sandbox` runs, as given
+    bool jsonOutput() const { return json || pretty; }
 };
 
 // Makes `action` the one to run when `command` is the subcommand chosen on the command line.
@@ -40,48 +48,52 @@ inline void onRun(CLI::App* command, Context& ctx, std::function<int()> action) 
 // suffix ("/sys/fs/bpf/map_kovra-netd_app_tcp_fin_drop_map" is "app_tcp_fin_drop").
 std::string mapName(const char* path);
 
-// Accepts an unsigned decimal or 0x-hexadecimal number up to `max`.
+// The one number grammar of every argument: unsigned decimal without a leading zero, or
+// 0x-hexadecimal, at most `max`. No sign, no blanks, no octal.
 CLI::Validator unsignedNumber(uint64_t max);
 
-// Adds a required unsigned argument; it accepts decimal or 0x-prefixed hexadecimal within the
-// range of T, so "abc", "-1" and 4294967296 for a UID are usage errors.
+// Adds a required unsigned argument in that grammar within the range of T (or up to `max`).
 template <typename T>
 CLI::Option* addNumber(CLI::App* command, const std::string& name, T& value,
-                       const std::string& description) {
-    return command->add_option(name, value, description)
-            ->required()
-            ->check(unsignedNumber(std::numeric_limits<T>::max()));
+                       const std::string& description,
+                       uint64_t max = std::numeric_limits<T>::max()) {
+    return command->add_option(name, value, description)->required()->check(unsignedNumber(max));
 }
 
-// Ends the command with exit 3 unless every map of `family` is pinned. The library ends the
-// process with abort() when a map is missing; checking the paths first (no map is opened)
-// turns that into a message.
-void requirePinned(android::bpf::MapFamily family);
+// "<what> failed: <strerror> (status -N)", or "<what> failed (status -1)".
+std::string failureText(int status, const std::string& what);
 
-// The exit code for a service's status (see ToolError.h), after one line on stderr when it
-// failed: "kovractl: <what> failed: <strerror> (status -N)".
-int finish(int status, const std::string& what);
+// For a command that shows a map without arguments and changes it with them: either all of
+// `options` are given or none, checked while parsing (with `more`, the command's other checks),
+// so that a partial command line is a usage error like any other.
+void allOrNone(CLI::App* command, std::vector<CLI::Option*> options,
+               std::function<void()> more = {});
 
-// For a service that changes maps and returns nothing else: on success "<what>: ok", or with
-// --json the `details` with the status; the exit code as finish() gives it.
-int reportChange(const Context& ctx, int status, const std::string& what, Json details);
+// Throws the ToolError of a failed service status, with failureText().
+void check(int status, const std::string& what);
 
-// "1 UID", "307 UIDs": the closing line of a table.
+// Rows of a listing: camelCase column names (the JSON keys; the table's headers are their
+// upper-case forms) and one cell per column in every row, null where there is no value.
+struct Rows {
+    std::vector<std::string> columns;
+    std::vector<std::vector<Json>> rows;
+    Json toJson() const;
+    void print() const;  // an aligned table: numbers right-aligned, null as "-"
+};
+
+// Prints `value` as JSON on stdout: compact with -j, indented with -p.
+void printJson(const Context& ctx, const Json& value);
+
+// The rows as a table with a closing count ("307 UIDs"), or as a JSON array.
+void printRows(const Context& ctx, const Rows& rows, const std::string& noun);
+
+// "1 UID", "307 UIDs".
 std::string countOf(size_t count, const std::string& noun);
 
-// Prints `value` as indented JSON on stdout.
-void printJson(const Json& value);
-
-// An aligned text table: numeric columns right-aligned, the others left-aligned.
-class Table {
-  public:
-    explicit Table(std::vector<std::string> headers) : mRows{std::move(headers)} {}
-    void add(std::vector<std::string> row) { mRows.push_back(std::move(row)); }
-    void print() const;
-
-  private:
-    std::vector<std::vector<std::string>> mRows;  // the first row is the header
-};
+// For a change through a service: "<what>: ok" on success, or with JSON output the `details`
+// with "status"; throws for a failed status. `report` lines say what else the change did.
+int reportChange(const Context& ctx, int status, const std::string& what, Json details,
+                 const std::vector<std::string>& report = {});
 
 // Sorted keys of an unordered result table, so output is stable from run to run.
 template <typename Map>
@@ -92,5 +104,9 @@ std::vector<typename Map::key_type> sortedKeys(const Map& map) {
     std::sort(keys.begin(), keys.end());
     return keys;
 }
+
+// The number of entries of a map, or null when it cannot be read; for the removal reports, read
+// just before and after a service call.
+Json entryCount(const android::bpf::PinnedMapInfo& row);
 
 }  // namespace kovra::tool

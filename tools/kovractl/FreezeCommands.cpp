@@ -16,74 +16,82 @@ struct FreezeOptions {
 
 // The records are the kernel side's: shown as their 64-bit words, in order.
 template <typename Record>
-void showRecords(const Context& ctx, const std::unordered_map<uint64_t, Record>& records) {
+Rows recordRows(const std::unordered_map<uint64_t, Record>& records) {
     constexpr size_t kWords = sizeof(Record) / sizeof(uint64_t);
-    if (ctx.json) {
-        Json rows = Json::array();
-        for (uint64_t key : sortedKeys(records)) {
-            const uint64_t* data = records.at(key).data;
-            rows.push_back({{"key", key}, {"data", std::vector<uint64_t>(data, data + kWords)}});
-        }
-        printJson(rows);
-        return;
-    }
-    std::vector<std::string> headers = {"KEY"};
-    for (size_t w = 0; w < kWords; ++w) headers.push_back("DATA" + std::to_string(w));
-    Table table(headers);
+    Rows rows{{"key"}, {}};
+    for (size_t w = 0; w < kWords; ++w) rows.columns.push_back("data" + std::to_string(w));
     for (uint64_t key : sortedKeys(records)) {
-        std::vector<std::string> row = {std::to_string(key)};
-        for (uint64_t word : records.at(key).data) row.push_back(std::to_string(word));
-        table.add(row);
+        rows.rows.push_back({key});
+        for (uint64_t word : records.at(key).data) rows.rows.back().push_back(word);
     }
-    table.print();
-    printf("%s\n", countOf(records.size(), "record").c_str());
+    return rows;
 }
 
 template <typename Record>
-int harvest(const Context& ctx, int (*service)(std::unordered_map<uint64_t, Record>&),
-            const std::string& what) {
-    requirePinned(MapFamily::kFreeze);
+int harvest(Context& ctx, int (*service)(std::unordered_map<uint64_t, Record>&),
+            const PinnedMapInfo& map, const std::string& what) {
+    requireMaps({{&map, Access::kReadWrite}});
     std::unordered_map<uint64_t, Record> records;
-    const int status = service(records);
-    // A failed walk leaves the kernel map as it was; what was read is not shown.
-    if (status == 0) showRecords(ctx, records);
-    return finish(status, "harvesting the " + what);
+    check(service(records), "harvesting the " + what);
+    // The service has emptied the map: these records exist nowhere but in this output now.
+    ctx.outputHoldsOnlyCopy = countOf(records.size(), "harvested record") +
+                              " were removed from " + mapName(map.path) + " and are lost";
+    const Json left = entryCount(map);
+    const Rows rows = recordRows(records);
+    if (ctx.jsonOutput()) {
+        printJson(ctx, {{"rows", rows.toJson()}, {"harvested", records.size()}, {"left", left}});
+        return kExitOk;
+    }
+    rows.print();
+    printf("%s harvested and removed from %s (%s entries left)\n",
+           countOf(records.size(), "record").c_str(), mapName(map.path).c_str(),
+           left.dump().c_str());
+    return kExitOk;
 }
 
-void showConfig(const Context& ctx, const AppFreezeConfig& config) {
-    if (ctx.json) {
-        printJson({{"word0", config.word0}, {"word1", config.word1}, {"word2", config.word2}});
-        return;
-    }
-    Table table({"WORD0", "WORD1", "WORD2"});
-    table.add({std::to_string(config.word0), std::to_string(config.word1),
-               std::to_string(config.word2)});
-    table.print();
+Json configJson(const AppFreezeConfig& config) {
+    return {{"word0", config.word0}, {"word1", config.word1}, {"word2", config.word2}};
 }
 
 int getConfig(const Context& ctx) {
-    requirePinned(MapFamily::kFreeze);
+    requireMaps({needs(maps::kAppFreezeConfig, Access::kReadWrite)});
     AppFreezeConfig config{};
-    const int status = bpfGetAppFreezeConfig(config);
-    if (status == 0) showConfig(ctx, config);
-    return finish(status, "reading the freeze configuration");
+    check(bpfGetAppFreezeConfig(config), "reading the freeze configuration");
+    if (ctx.jsonOutput()) {
+        printJson(ctx, configJson(config));
+    } else {
+        Rows rows{{"word0", "word1", "word2"}, {{config.word0, config.word1, config.word2}}};
+        rows.print();
+    }
+    return kExitOk;
 }
 
 int setConfig(const Context& ctx, const uint32_t (&words)[3]) {
-    requirePinned(MapFamily::kFreeze);
     AppFreezeConfig config{words[0], words[1], words[2]};
-    if (config.word0 == 0 && config.word1 == 0 && config.word2 == 0) {
-        // Each kovractl run is a fresh process, whose last written configuration is all zero.
-        fprintf(stderr,
-                "kovractl: note: 0 0 0 equals this process's last written configuration, so the "
-                "library skips the write and the map keeps its record\n");
+    const std::string text = std::to_string(config.word0) + " " + std::to_string(config.word1) +
+                             " " + std::to_string(config.word2);
+    // The library skips a value equal to the last one this process wrote, and each kovractl run
+    // is a fresh process whose last written value is all zero: 0 0 0 is never written.
+    const bool skipped = config.word0 == 0 && config.word1 == 0 && config.word2 == 0;
+    if (skipped) {
+        check(bpfSetAppFreezeConfig(config), "setting the freeze configuration");
+        if (ctx.jsonOutput()) {
+            Json details = configJson(config);
+            details["written"] = false;
+            printJson(ctx, details);
+        } else {
+            printf("freeze configuration %s not written: the library skips a value equal to the "
+                   "last one this process wrote, which is 0 0 0 in a fresh process; the map "
+                   "keeps its record\n",
+                   text.c_str());
+        }
+        return kExitOk;
     }
-    const std::string what = "set the freeze configuration to " + std::to_string(config.word0) +
-                             " " + std::to_string(config.word1) + " " +
-                             std::to_string(config.word2);
-    return reportChange(
-            ctx, bpfSetAppFreezeConfig(config), what,
-            {{"word0", config.word0}, {"word1", config.word1}, {"word2", config.word2}});
+    requireMaps({needs(maps::kAppFreezeConfig, Access::kReadWrite)});
+    Json details = configJson(config);
+    details["written"] = true;
+    return reportChange(ctx, bpfSetAppFreezeConfig(config),
+                        "set the freeze configuration to " + text, details);
 }
 
 }  // namespace
@@ -95,11 +103,16 @@ void addFreezeCommands(CLI::App& app, Context& ctx) {
 
     CLI::App* syns = freeze->add_subcommand(
             "syns", "Harvest the connection-attempt records: show them, then empty the map");
-    onRun(syns, ctx,
-          [&ctx] { return harvest(ctx, bpfFetchAppFreezeSyns, "connection-attempt records"); });
+    onRun(syns, ctx, [&ctx] {
+        return harvest(ctx, bpfFetchAppFreezeSyns, rowOf(maps::kAppFreezeSyn.path),
+                       "connection-attempt records");
+    });
     CLI::App* stats = freeze->add_subcommand(
             "stats", "Harvest the traffic records: show them, then empty the map");
-    onRun(stats, ctx, [&ctx] { return harvest(ctx, bpfFetchAppFreezeStats, "traffic records"); });
+    onRun(stats, ctx, [&ctx] {
+        return harvest(ctx, bpfFetchAppFreezeStats, rowOf(maps::kAppFreezeStats.path),
+                       "traffic records");
+    });
 
     CLI::App* config = freeze->add_subcommand("config", "The freeze accounting's settings")
                                ->require_subcommand(1);
@@ -108,7 +121,7 @@ void addFreezeCommands(CLI::App& app, Context& ctx) {
     CLI::App* set = config->add_subcommand(
             "set",
             "Write the configuration record (skipped when it equals the last one written "
-            "by this process: 0 0 0 in a fresh one)");
+            "by this process: 0 0 0 in a fresh one, reported as not written)");
     addNumber(set, "W0", opts->words[0], "First word");
     addNumber(set, "W1", opts->words[1], "Second word");
     addNumber(set, "W2", opts->words[2], "Third word");

@@ -1,15 +1,15 @@
-// kovractl maps: which maps of the catalogue are pinned, whether they fit the library's records,
-// and how many entries they hold. It reads the maps directly (read-only, no lock) so that it can
-// report a map the services would refuse; it never writes.
-#include <kovrasandbox/Maps.h>
+// kovractl maps and kovractl dump: every map of the catalogue, whether the library would accept
+// it, and its entries decoded by the catalogue's record types. Both read the maps directly
+// through read-only handles, take no lock and change nothing.
+#include <arpa/inet.h>
+#include <netinet/in.h>
+#include <unistd.h>
 
 #include "Commands.h"
 
 namespace kovra::tool {
 
 using namespace android::bpf;
-using sandbox::MapShape;
-using sandbox::RawMap;
 
 namespace {
 
@@ -29,68 +29,212 @@ const char* familyName(MapFamily family) {
     return "?";
 }
 
-struct MapReport {
-    const PinnedMapInfo& row;
-    std::string state;  // "ok", "missing" or what does not fit
-    MapShape shape{};
-    size_t entries = 0;
-};
+// The maps that no service opens read-write; the others must also be writable and unlocked.
+Access accessOf(const PinnedMapInfo& row) {
+    for (const char* path : {maps::kNetdAppUidStats.path, maps::kUidPurStats.path,
+                             maps::kAppTcpFinDrop.path, maps::kAppTcpOutImHb.path,
+                             maps::kAppTcpOutAlign.path, maps::kAppTcpInKeepAlive.path,
+                             maps::kAppTcpReinwakeup.path, maps::kAppTcpReoutwakeup.path}) {
+        if (strcmp(row.path, path) == 0) return Access::kReadOnly;
+    }
+    return Access::kReadWrite;
+}
 
-MapReport inspect(const PinnedMapInfo& row) {
-    MapReport report{row, "ok"};
-    std::optional<RawMap> map = RawMap::open(row.path, true);
-    if (!map) {
-        report.state = errno == ENOENT ? "missing" : std::string("unreadable: ") + strerror(errno);
-        return report;
-    }
-    report.shape = map->shape();
-    report.entries = map->rawKeys(report.shape.keySize).size();
-    if (report.shape.keySize != row.keySize || report.shape.valueSize != row.valueSize) {
-        report.state = "sizes " + std::to_string(report.shape.keySize) + "/" +
-                       std::to_string(report.shape.valueSize) + ", expected " +
-                       std::to_string(row.keySize) + "/" + std::to_string(row.valueSize);
-    } else if (report.shape.flags & BPF_F_RDONLY) {
-        report.state = "read-only";
-    }
-    return report;
+Json optional(const std::optional<uint32_t>& value) {
+    return value ? Json(*value) : Json(nullptr);
 }
 
 int listMaps(const Context& ctx) {
-    std::vector<MapReport> reports;
-    for (const PinnedMapInfo& row : kPinnedMaps) reports.push_back(inspect(row));
-    const bool allFit = std::all_of(reports.begin(), reports.end(),
-                                    [](const MapReport& r) { return r.state == "ok"; });
-    if (ctx.json) {
-        Json rows = Json::array();
-        for (const MapReport& r : reports) {
-            rows.push_back({{"name", mapName(r.row.path)},
-                            {"path", r.row.path},
-                            {"family", familyName(r.row.family)},
-                            {"keySize", r.row.keySize},
-                            {"valueSize", r.row.valueSize},
-                            {"state", r.state},
-                            {"entries", r.entries}});
-        }
-        printJson(rows);
-    } else {
-        Table table({"MAP", "FAMILY", "KEY", "VALUE", "ENTRIES", "STATE"});
-        for (const MapReport& r : reports) {
-            table.add({mapName(r.row.path), familyName(r.row.family), std::to_string(r.row.keySize),
-                       std::to_string(r.row.valueSize), std::to_string(r.entries), r.state});
-        }
-        table.print();
+    Rows rows{{"name", "family", "type", "keySize", "valueSize", "entries", "state"}, {}};
+    Json json = Json::array();
+    std::vector<std::string> problems;
+    for (const PinnedMapInfo& row : kPinnedMaps) {
+        const MapState s = inspectMap(row, accessOf(row));
+        const Json type = s.type ? Json(*s.type) : Json(nullptr);
+        const Json entries = s.entries ? Json(*s.entries) : Json(nullptr);
+        rows.rows.push_back({mapName(row.path), familyName(row.family), type,
+                             optional(s.keySize), optional(s.valueSize), entries, s.state});
+        json.push_back({{"name", mapName(row.path)},
+                        {"path", row.path},
+                        {"family", familyName(row.family)},
+                        {"access", accessOf(row) == Access::kReadOnly ? "read-only" : "read-write"},
+                        {"type", type},
+                        {"keySize", optional(s.keySize)},
+                        {"valueSize", optional(s.valueSize)},
+                        {"expectedKeySize", row.keySize},
+                        {"expectedValueSize", row.valueSize},
+                        {"entries", entries},
+                        {"state", s.state},
+                        {"problem", s.problem.empty() ? Json(nullptr) : Json(s.problem)}});
+        if (!s.problem.empty()) problems.push_back(mapName(row.path) + ": " + s.problem);
     }
-    return allFit ? kExitOk : kExitEnvironment;
+    if (ctx.jsonOutput()) {
+        printJson(ctx, json);
+    } else {
+        rows.print();
+        for (const std::string& line : problems) printf("%s\n", line.c_str());
+    }
+    return problems.empty() ? kExitOk : kExitEnvironment;
+}
+
+// Record fields as JSON, by record type; a plain number takes the name its map gives it.
+void decode(Json& o, const char* name, uint32_t v) { o[name] = v; }
+void decode(Json& o, const char* name, uint64_t v) { o[name] = v; }
+void decode(Json& o, const char*, const StatsValue& v) {
+    o.update({{"rxPackets", v.rxPackets}, {"rxBytes", v.rxBytes},
+              {"txPackets", v.txPackets}, {"txBytes", v.txBytes}});
+}
+void decode(Json& o, const char*, const KovraStatsValue& v) {
+    o.update({{"rxPackets", v.rxPackets}, {"rxBytes", v.rxBytes}, {"txPackets", v.txPackets},
+              {"txBytes", v.txBytes}, {"extra0", v.extra0}, {"extra1", v.extra1}});
+}
+template <size_t N>
+void decodeWords(Json& o, const uint64_t (&words)[N]) {
+    for (size_t w = 0; w < N; ++w) o["data" + std::to_string(w)] = words[w];
+}
+void decode(Json& o, const char*, const AppFreezeSynInfo& v) { decodeWords(o, v.data); }
+void decode(Json& o, const char*, const AppFreezeStatsInfo& v) { decodeWords(o, v.data); }
+void decode(Json& o, const char*, const AppFreezeConfig& v) {
+    o.update({{"word0", v.word0}, {"word1", v.word1}, {"word2", v.word2}});
+}
+void decode(Json& o, const char*, const SpeedsValue& v) {
+    o.update({{"tag", v.tag},
+              {"ifindex", v.ifindex},
+              {"firstSpeed", v.firstSpeed},
+              {"firstStamp", v.firstStamp},
+              {"secondSpeed", v.secondSpeed},
+              {"secondStamp", v.secondStamp},
+              {"firstAux0", v.firstAux0},
+              {"firstAux1", v.firstAux1},
+              {"firstAux2", v.firstAux2},
+              {"secondAux0", v.secondAux0},
+              {"secondAux1", v.secondAux1},
+              {"secondAux2", v.secondAux2}});
+}
+void decode(Json& o, const char*, const SocketTuple& v) {
+    in_addr address{v.remoteAddr4};
+    o.update({{"ifindex", v.ifindex}, {"ipv4Valid", v.ipv4Valid}, {"remoteAddr4", inet_ntoa(address)}});
+}
+void decode(Json& o, const char*, const IfIndexSpeedConfig& v) {
+    o.update({{"enable", v.enable}, {"localEnable", v.localEnable}});
+}
+// The value carries an interface index of its own, which may differ from the key's.
+void decode(Json& o, const char*, const UidIfindexKey& v) {
+    o.update({{"uid", v.uid}, {"keyIfindex", v.ifindex}});
+}
+
+struct Dumper {
+    const char* path;
+    std::function<Rows()> read;
+};
+
+template <typename K, typename V>
+Dumper dumper(const PinnedMap<K, V>& map, const char* keyName, const char* valueName) {
+    return {map.path, [&map, keyName, valueName] {
+                Rows rows;
+                Json names = Json::object();
+                decode(names, keyName, K{});
+                decode(names, valueName, V{});
+                for (const auto& item : names.items()) rows.columns.push_back(item.key());
+                for (const auto& [key, value] : readEntries(map)) {
+                    Json o = Json::object();
+                    decode(o, keyName, key);
+                    decode(o, valueName, value);
+                    rows.rows.emplace_back();
+                    for (const auto& item : o.items()) rows.rows.back().push_back(item.value());
+                }
+                std::sort(rows.rows.begin(), rows.rows.end());
+                return rows;
+            }};
+}
+
+const std::vector<Dumper>& dumpers() {
+    static const std::vector<Dumper> all = {
+            dumper(maps::kNetdAppUidStats, "uid", ""),
+            dumper(maps::kUidPurStats, "uid", ""),
+            dumper(maps::kAppFreezeSyn, "key", ""),
+            dumper(maps::kAppFreezeStats, "key", ""),
+            dumper(maps::kAppFreezeConfig, "key", ""),
+            dumper(maps::kAppSocketSpeeds, "cookie", ""),
+            dumper(maps::kAppSocketInfo, "cookie", ""),
+            dumper(maps::kAppSocketSpeedsIfindex, "ifindex", ""),
+            dumper(maps::kAppUidSpeeds, "", ""),
+            dumper(maps::kAppSocketSpeedsConfig, "key", "config"),
+            dumper(maps::kAppTcpFinDrop, "uid", "count"),
+            dumper(maps::kAppTcpInwakeup, "uid", "count"),
+            dumper(maps::kAppTcpOutwakeup, "uid", "count"),
+            dumper(maps::kAppTcpWakeupduration, "uid", "count"),
+            dumper(maps::kAppTcpOutImHb, "uid", "count"),
+            dumper(maps::kAppTcpOutAlign, "uid", "count"),
+            dumper(maps::kAppTcpInKeepAlive, "uid", "count"),
+            dumper(maps::kAppTcpReinwakeup, "uid", "count"),
+            dumper(maps::kAppTcpReoutwakeup, "uid", "count"),
+            dumper(maps::kImAppHbLen, "uid", "hbLen"),
+            dumper(maps::kScreenState, "key", "value"),
+            dumper(maps::kOverflowingMapCheck, "bit", "flag"),
+            dumper(maps::kSkTcpCookieInSeq, "cookie", "seq"),
+            dumper(maps::kSkTcpCookieOutSeq, "cookie", "seq"),
+            dumper(maps::kSkTcpCookieOutAck, "cookie", "ack"),
+            dumper(maps::kAppNetDisconnLimit, "uid", "value"),
+            dumper(maps::kAppVuskLimit, "uid", "value"),
+    };
+    return all;
+}
+
+std::vector<std::string> dumpNames() {
+    std::vector<std::string> names;
+    for (const Dumper& d : dumpers()) names.push_back(mapName(d.path));
+    return names;
+}
+
+int dump(const Context& ctx, const std::vector<std::string>& names) {
+    if (geteuid() != 0) requireMaps({});
+    Json json = Json::object();
+    bool complete = true;
+    const char* separator = "";
+    for (const Dumper& d : dumpers()) {
+        const std::string name = mapName(d.path);
+        if (!names.empty() && std::find(names.begin(), names.end(), name) == names.end()) continue;
+        const MapState state = inspectMap(rowOf(d.path), Access::kReadOnly);
+        if (state.state != "ok") {
+            // The others are still shown; the exit code tells that one was not.
+            fprintf(stderr, "kovractl: %s: %s: %s\n", d.path, state.state.c_str(),
+                    state.problem.c_str());
+            json[name] = nullptr;
+            complete = false;
+            continue;
+        }
+        const Rows rows = d.read();
+        if (ctx.jsonOutput()) {
+            json[name] = rows.toJson();
+            continue;
+        }
+        printf("%s== %s (%s)\n", separator, name.c_str(), countOf(rows.rows.size(), "entry").c_str());
+        separator = "\n";
+        if (!rows.rows.empty()) rows.print();
+    }
+    if (ctx.jsonOutput()) printJson(ctx, json);
+    return complete ? kExitOk : kExitEnvironment;
 }
 
 }  // namespace
 
 void addMapsCommand(CLI::App& app, Context& ctx) {
-    CLI::App* command = app.add_subcommand(
+    CLI::App* maps = app.add_subcommand(
             "maps",
-            "List the catalogue's pinned maps with their entry counts, and check that each is "
-            "there and fits the library's records (exit 3 when one does not)");
-    onRun(command, ctx, [&ctx] { return listMaps(ctx); });
+            "List the catalogue's maps with their type, sizes, entry count and state: whether "
+            "the library would accept each for the access its services need (exit 3 when one "
+            "is not ok)");
+    onRun(maps, ctx, [&ctx] { return listMaps(ctx); });
+
+    auto names = std::make_shared<std::vector<std::string>>();
+    CLI::App* dumpCommand = app.add_subcommand(
+            "dump",
+            "Print the entries of every map of the catalogue (or the named ones), decoded by "
+            "their record types; read-only: nothing is pruned or harvested");
+    dumpCommand->add_option("MAP", *names, "Maps by short name, as `kovractl maps` lists them")
+            ->check(CLI::IsMember(dumpNames()));
+    onRun(dumpCommand, ctx, [&ctx, names] { return dump(ctx, *names); });
 }
 
 }  // namespace kovra::tool

@@ -34,6 +34,17 @@ void standUp(bool seed) {
     }
 }
 
+// Inside, `kovractl` is this very binary, wherever it was built.
+void putSelfOnPath() {
+    char self[4096];
+    const ssize_t length = readlink("/proc/self/exe", self, sizeof(self) - 1);
+    if (length <= 0) return;
+    std::string dir(self, static_cast<size_t>(length));
+    dir.resize(dir.rfind('/'));
+    const char* path = getenv("PATH");
+    setenv("PATH", (dir + ":" + (path != nullptr ? path : "/usr/bin:/bin")).c_str(), 1);
+}
+
 std::vector<char*> argvOf(std::vector<std::string>& command) {
     std::vector<char*> argv;
     for (std::string& word : command) argv.push_back(word.data());
@@ -44,6 +55,13 @@ std::vector<char*> argvOf(std::vector<std::string>& command) {
 }  // namespace
 
 int runSandbox(const SandboxOptions& options) {
+    const std::string kind = options.seed.empty() ? "empty" : "seeded";
+    if (const char* outer = getenv("KOVRA_SANDBOX"); outer != nullptr) {
+        fprintf(stderr,
+                "kovractl sandbox: warning: already inside a sandbox (%s); this one hides its maps "
+                "until you leave it\n",
+                outer);
+    }
     standUp(options.seed == "demo");
 
     std::vector<std::string> command = options.command;
@@ -51,12 +69,15 @@ int runSandbox(const SandboxOptions& options) {
         const char* shell = getenv("SHELL");
         command.push_back(shell != nullptr && *shell != '\0' ? shell : "/bin/sh");
         fprintf(stderr,
-                "kovractl sandbox: private bpffs at %s with %zu maps%s; leave the shell to drop "
-                "it\n",
-                sandbox::kBpffs, android::bpf::kPinnedMaps.size(),
-                options.seed.empty() ? "" : ", demo data seeded");
+                "kovractl sandbox (%s): private bpffs at %s with %zu maps; `kovractl` here is "
+                "this build's; leave the shell to drop it\n",
+                kind.c_str(), sandbox::kBpffs, android::bpf::kPinnedMaps.size());
+        // The prompt says where you are: Debian's bash prompt shows debian_chroot, sh shows PS1.
+        setenv("debian_chroot", ("kovra sandbox: " + kind).c_str(), 1);
+        setenv("PS1", ("(kovra sandbox: " + kind + ") \\w\\$ ").c_str(), 1);
     }
-    setenv("KOVRA_SANDBOX", "1", 1);
+    setenv("KOVRA_SANDBOX", kind.c_str(), 1);
+    putSelfOnPath();
     // The command replaces this process, so its exit status is the sandbox's.
     std::vector<char*> argv = argvOf(command);
     execvp(argv[0], argv.data());
@@ -75,8 +96,13 @@ void addSandboxCommand(CLI::App& app, Context& ctx) {
             "Exits with COMMAND's status");
     command->add_option("--seed", opts->seed, "Fill the maps with a data set")
             ->check(CLI::IsMember({"demo"}));
-    command->add_option("command", opts->command, "The command to run, after --");
-    onRun(command, ctx, [opts] { return runSandbox(*opts); });
+    // The command itself never reaches the parser: main() takes it off the command line.
+    command->footer("COMMAND: everything after the sandbox's own options (or after --), passed on "
+                    "untouched");
+    onRun(command, ctx, [&ctx, opts] {
+        opts->command = ctx.sandboxCommand;
+        return runSandbox(*opts);
+    });
 }
 
 }  // namespace kovra::tool

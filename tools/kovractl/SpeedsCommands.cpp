@@ -1,7 +1,11 @@
-// kovractl speeds: per-socket and per-(UID, interface) speeds, and which interfaces are measured.
+// kovractl speeds: per-socket and per-(UID, interface) speeds, which interfaces are measured, and
+// what the services pruned or wiped on the way.
 #include <kovrabpf/KovraBpfNetworkStats.h>
 
+#include <set>
+
 #include "Commands.h"
+#include "Watch.h"
 
 namespace kovra::tool {
 
@@ -18,112 +22,188 @@ struct SpeedsOptions {
     bool local = false;
     uint32_t config = 0;
     uint64_t cookie = 0;
+    ListOptions list;
 };
 
-void showSockets(const Context& ctx, const std::unordered_map<uint64_t, SpeedsValue>& speeds) {
-    if (ctx.json) {
-        Json rows = Json::array();
-        for (uint64_t cookie : sortedKeys(speeds)) {
-            const SpeedsValue& v = speeds.at(cookie);
-            rows.push_back({{"cookie", cookie},
-                            {"ifindex", v.ifindex},
-                            {"firstSpeedKbps", v.firstSpeed},
-                            {"secondSpeedKbps", v.secondSpeed},
-                            {"firstStamp", v.firstStamp},
-                            {"secondStamp", v.secondStamp},
-                            {"tag", v.tag}});
-        }
-        printJson(rows);
-        return;
+// The 8-byte keys of a map (socket cookies, or UID and interface as one little-endian u64).
+std::set<uint64_t> keysOf(const PinnedMapInfo& map) {
+    std::set<uint64_t> keys;
+    for (const auto& [key, value] : readEntries(map)) {
+        uint64_t number = 0;
+        memcpy(&number, key.data(), std::min(key.size(), sizeof(number)));
+        keys.insert(number);
     }
-    Table table({"COOKIE", "IFINDEX", "FIRST_KBPS", "SECOND_KBPS"});
-    for (uint64_t cookie : sortedKeys(speeds)) {
-        const SpeedsValue& v = speeds.at(cookie);
-        table.add({std::to_string(cookie), std::to_string(v.ifindex), std::to_string(v.firstSpeed),
-                   std::to_string(v.secondSpeed)});
+    return keys;
+}
+
+std::vector<uint64_t> gone(const std::set<uint64_t>& before, const std::set<uint64_t>& after) {
+    std::vector<uint64_t> out;
+    std::set_difference(before.begin(), before.end(), after.begin(), after.end(),
+                        std::back_inserter(out));
+    return out;
+}
+
+std::string pairName(uint64_t key) {
+    return std::to_string(static_cast<uint32_t>(key)) + "/" + std::to_string(key >> 32);
+}
+
+// "pruned 2 stale sockets: 40964 40965"; which ones only with -v.
+std::string prunedLine(const Context& ctx, const std::vector<uint64_t>& keys,
+                       const std::string& noun, bool pairs) {
+    std::string line = "pruned " + countOf(keys.size(), "stale " + noun);
+    if (ctx.verbose && !keys.empty()) {
+        line += ":";
+        for (uint64_t key : keys) line += " " + (pairs ? pairName(key) : std::to_string(key));
     }
-    table.print();
-    printf("%s\n", countOf(speeds.size(), "socket").c_str());
+    return line;
 }
 
 int socketSpeeds(const Context& ctx, const SpeedsOptions& opts) {
-    requirePinned(MapFamily::kSpeeds);
-    std::unordered_map<uint64_t, SpeedsValue> speeds;
-    std::unordered_set<uint64_t> watched(opts.watch.begin(), opts.watch.end());
-    const int status = bpfGetAppSocketSpeedsTotal(speeds, opts.staleMs, opts.minKbps, watched);
-    if (status == 0) showSockets(ctx, speeds);
-    return finish(status, "reading the socket speeds");
+    const PinnedMapInfo& speedsMap = rowOf(maps::kAppSocketSpeeds.path);
+    const PinnedMapInfo& infoMap = rowOf(maps::kAppSocketInfo.path);
+    requireMaps({{&speedsMap, Access::kReadWrite},
+                 {&infoMap, Access::kReadWrite},
+                 needs(maps::kAppSocketSpeedsIfindex, Access::kReadWrite)});
+    View view{{"cookie", "ifindex", "firstSpeedKbps", "secondSpeedKbps", "firstStamp",
+               "secondStamp", "tag"},
+              "socket",
+              {},
+              [&] {
+                  const std::set<uint64_t> sockets = keysOf(speedsMap), infos = keysOf(infoMap);
+                  std::unordered_map<uint64_t, SpeedsValue> speeds;
+                  std::unordered_set<uint64_t> watched(opts.watch.begin(), opts.watch.end());
+                  check(bpfGetAppSocketSpeedsTotal(speeds, opts.staleMs, opts.minKbps, watched),
+                        "reading the socket speeds");
+                  const std::vector<uint64_t> pruned = gone(sockets, keysOf(speedsMap));
+                  const size_t info = gone(infos, keysOf(infoMap)).size();
+                  Listing listing;
+                  for (uint64_t cookie : sortedKeys(speeds)) {
+                      const SpeedsValue& v = speeds.at(cookie);
+                      listing.rows.rows.push_back({cookie, v.ifindex, v.firstSpeed, v.secondSpeed,
+                                                   v.firstStamp, v.secondStamp, v.tag});
+                  }
+                  listing.changes = {{"pruned", {{"sockets", pruned.size()},
+                                                 {"socketInfo", info},
+                                                 {"cookies", pruned}}}};
+                  listing.lines = {prunedLine(ctx, pruned, "socket", false) + " (and " +
+                                   countOf(info, "socket information record") + ")"};
+                  return listing;
+              }};
+    return present(ctx, opts.list, view);
 }
 
-void showPairs(const Context& ctx, const std::unordered_map<uint64_t, IfaceSpeedsValue>& speeds) {
-    // The table's key is the pair read as one little-endian u64: UID low, interface high.
-    auto uidOf = [](uint64_t key) { return static_cast<uint32_t>(key); };
-    auto ifindexOf = [](uint64_t key) { return static_cast<uint32_t>(key >> 32); };
-    // Rows by UID, then interface.
-    std::vector<uint64_t> keys = sortedKeys(speeds);
-    std::sort(keys.begin(), keys.end(), [&](uint64_t a, uint64_t b) {
-        return std::pair(uidOf(a), ifindexOf(a)) < std::pair(uidOf(b), ifindexOf(b));
-    });
-    if (ctx.json) {
-        Json rows = Json::array();
-        for (uint64_t key : keys) {
-            rows.push_back({{"uid", uidOf(key)},
-                            {"ifindex", ifindexOf(key)},
-                            {"firstSpeedKbps", speeds.at(key).firstSpeedKbps},
-                            {"secondSpeedKbps", speeds.at(key).secondSpeedKbps}});
-        }
-        printJson(rows);
-        return;
-    }
-    Table table({"UID", "IFINDEX", "FIRST_KBPS", "SECOND_KBPS"});
-    for (uint64_t key : keys) {
-        table.add({std::to_string(uidOf(key)), std::to_string(ifindexOf(key)),
-                   std::to_string(speeds.at(key).firstSpeedKbps),
-                   std::to_string(speeds.at(key).secondSpeedKbps)});
-    }
-    table.print();
-    printf("%s\n", countOf(speeds.size(), "pair").c_str());
+int uidSpeeds(const Context& ctx, const SpeedsOptions& opts) {
+    const PinnedMapInfo& pairsMap = rowOf(maps::kAppUidSpeeds.path);
+    requireMaps({{&pairsMap, Access::kReadWrite}});
+    View view{{"uid", "ifindex", "firstSpeedKbps", "secondSpeedKbps"}, "pair", {}, [&] {
+                  const std::set<uint64_t> before = keysOf(pairsMap);
+                  std::unordered_map<uint64_t, IfaceSpeedsValue> speeds;
+                  check(bpfGetAppUidSpeedsTotal(speeds, opts.staleMs), "reading the UID speeds");
+                  const std::vector<uint64_t> pruned = gone(before, keysOf(pairsMap));
+                  // The table's key is the pair read as one little-endian u64: UID low,
+                  // interface high. Rows by UID, then interface.
+                  std::vector<uint64_t> keys = sortedKeys(speeds);
+                  std::sort(keys.begin(), keys.end(), [](uint64_t a, uint64_t b) {
+                      return std::pair(static_cast<uint32_t>(a), a >> 32) <
+                             std::pair(static_cast<uint32_t>(b), b >> 32);
+                  });
+                  Listing listing;
+                  for (uint64_t key : keys) {
+                      listing.rows.rows.push_back({static_cast<uint32_t>(key), key >> 32,
+                                                   speeds.at(key).firstSpeedKbps,
+                                                   speeds.at(key).secondSpeedKbps});
+                  }
+                  Json which = Json::array();
+                  for (uint64_t key : pruned) {
+                      which.push_back({{"uid", static_cast<uint32_t>(key)}, {"ifindex", key >> 32}});
+                  }
+                  listing.changes = {{"pruned", {{"pairs", pruned.size()}, {"which", which}}}};
+                  listing.lines = {prunedLine(ctx, pruned, "pair", true)};
+                  return listing;
+              }};
+    return present(ctx, opts.list, view);
 }
 
-int uidSpeeds(const Context& ctx, uint32_t staleMs) {
-    requirePinned(MapFamily::kSpeeds);
-    std::unordered_map<uint64_t, IfaceSpeedsValue> speeds;
-    const int status = bpfGetAppUidSpeedsTotal(speeds, staleMs);
-    if (status == 0) showPairs(ctx, speeds);
-    return finish(status, "reading the UID speeds");
+// The per-interface measurement table as it stands.
+int listInterfaces(const Context& ctx) {
+    requireMaps({needs(maps::kAppSocketSpeedsIfindex, Access::kReadOnly)});
+    Rows rows{{"ifindex", "enable", "localEnable"}, {}};
+    for (const auto& [ifindex, config] : readEntries(maps::kAppSocketSpeedsIfindex)) {
+        rows.rows.push_back({ifindex, config.enable, config.localEnable});
+    }
+    std::sort(rows.rows.begin(), rows.rows.end());
+    printRows(ctx, rows, "measured interface");
+    return kExitOk;
 }
 
 int bindInterface(const Context& ctx, const SpeedsOptions& opts) {
     const bool on = opts.state == "on";
-    requirePinned(MapFamily::kSpeeds);
-    const int status = bpfUpdateAppSocketSpeedsIfindex(opts.ifindex, on ? 1 : 0, opts.local);
-    const std::string what =
-            on ? "measure interface " + std::to_string(opts.ifindex) +
-                            (opts.local ? " without subnet-local sockets" : "")
-               : "stop measuring interface " + std::to_string(opts.ifindex) + " and wipe its data";
-    return reportChange(ctx, status, what,
-                        {{"ifindex", opts.ifindex}, {"enable", on}, {"local", opts.local}});
+    if (on) {
+        requireMaps({needs(maps::kAppSocketSpeedsIfindex, Access::kReadWrite)});
+        return reportChange(ctx, bpfUpdateAppSocketSpeedsIfindex(opts.ifindex, 1, opts.local),
+                            "measure interface " + std::to_string(opts.ifindex) +
+                                    (opts.local ? " without subnet-local sockets" : ""),
+                            {{"ifindex", opts.ifindex}, {"enable", true}, {"local", opts.local}});
+    }
+    // Taking an interface out sweeps its data from three maps, then drops its table entry.
+    const std::vector<std::pair<std::string, const PinnedMapInfo*>> swept = {
+            {"sockets", &rowOf(maps::kAppSocketSpeeds.path)},
+            {"pairs", &rowOf(maps::kAppUidSpeeds.path)},
+            {"socketInfo", &rowOf(maps::kAppSocketInfo.path)},
+            {"interfaces", &rowOf(maps::kAppSocketSpeedsIfindex.path)}};
+    MapNeeds maps;
+    for (const auto& [name, map] : swept) maps.push_back({map, Access::kReadWrite});
+    requireMaps(maps);
+    std::vector<Json> before;
+    for (const auto& [name, map] : swept) before.push_back(entryCount(*map));
+    const int status = bpfUpdateAppSocketSpeedsIfindex(opts.ifindex, 0, 0);
+    Json wiped = Json::object();
+    std::string line = "wiped for interface " + std::to_string(opts.ifindex) + ":";
+    for (size_t m = 0; m < swept.size(); ++m) {
+        const Json after = entryCount(*swept[m].second);
+        wiped[swept[m].first] = before[m].is_number() && after.is_number()
+                                        ? Json(before[m].get<size_t>() - after.get<size_t>())
+                                        : Json(nullptr);
+        line += " " + wiped[swept[m].first].dump() + " from " + mapName(swept[m].second->path) +
+                (m + 1 < swept.size() ? "," : "");
+    }
+    return reportChange(ctx, status,
+                        "stop measuring interface " + std::to_string(opts.ifindex),
+                        {{"ifindex", opts.ifindex}, {"enable", false}, {"wiped", wiped}}, {line});
+}
+
+int showConfig(const Context& ctx) {
+    requireMaps({needs(maps::kAppSocketSpeedsConfig, Access::kReadOnly)});
+    Json word = nullptr;
+    for (const auto& [key, value] : readEntries(maps::kAppSocketSpeedsConfig)) {
+        if (key == 0) word = value;
+    }
+    if (ctx.jsonOutput()) {
+        printJson(ctx, {{"config", word}});
+    } else {
+        printf("speed configuration word: %s\n", word.is_null() ? "not set" : word.dump().c_str());
+    }
+    return kExitOk;
 }
 
 int setConfig(const Context& ctx, uint32_t config) {
-    requirePinned(MapFamily::kSpeeds);
+    requireMaps({needs(maps::kAppSocketSpeedsConfig, Access::kReadWrite)});
     return reportChange(ctx, bpfUpdateAppSocketSpeedsConfig(config),
                         "set the speed configuration word to " + std::to_string(config),
                         {{"config", config}});
 }
 
 int localStatus(const Context& ctx, uint64_t cookie) {
-    requirePinned(MapFamily::kSpeeds);
+    requireMaps({needs(maps::kAppSocketInfo, Access::kReadWrite)});
     const int status = bpfGetSocketLocalStatus(cookie);
-    if (status >= 0) {
-        if (ctx.json) {
-            printJson({{"cookie", cookie}, {"local", status == 1}});
-        } else {
-            printf("socket %llu: %s\n", static_cast<unsigned long long>(cookie),
-                   status == 1 ? "peer in the interface's subnet" : "peer outside the subnet");
-        }
+    check(status, "telling whether socket " + std::to_string(cookie) + " is local");
+    if (ctx.jsonOutput()) {
+        printJson(ctx, {{"cookie", cookie}, {"local", status == 1}});
+    } else {
+        printf("socket %llu: %s\n", static_cast<unsigned long long>(cookie),
+               status == 1 ? "peer in the interface's subnet" : "peer outside the subnet");
     }
-    return finish(status, "telling whether socket " + std::to_string(cookie) + " is local");
+    return kExitOk;
 }
 
 }  // namespace
@@ -136,43 +216,53 @@ void addSpeedsCommands(CLI::App& app, Context& ctx) {
 
     CLI::App* sockets = speeds->add_subcommand(
             "sockets",
-            "Sockets at or above the floor (or watched and moving), in kbps; prunes "
-            "sockets whose both directions are stale");
+            "Sockets at or above the floor (or watched and moving), in kbps; prunes, and "
+            "reports, sockets whose both directions are stale (every listing of a watch too)");
     addNumber(sockets, "--stale-ms", opts->staleMs, "Age in ms beyond which a speed is stale");
-    addNumber(sockets, "--min-kbps", opts->minKbps, "Report floor in kbps");
+    // The service multiplies by 1000 in 32 bits; a larger floor would wrap.
+    addNumber(sockets, "--min-kbps", opts->minKbps, "Report floor in kbps (at most 4294967)",
+              UINT32_MAX / 1000);
     sockets->add_option("--watch", opts->watch,
                         "Cookies to report below the floor, comma-separated")
             ->delimiter(',')
             ->check(unsignedNumber(UINT64_MAX));
+    addListOptions(sockets, opts->list, true);
     onRun(sockets, ctx, [&ctx, opts] { return socketSpeeds(ctx, *opts); });
 
     CLI::App* uids = speeds->add_subcommand(
-            "uids", "Every live (UID, interface) pair in kbps; prunes stale pairs");
+            "uids",
+            "Every live (UID, interface) pair in kbps; prunes, and reports, stale pairs");
     addNumber(uids, "--stale-ms", opts->staleMs, "Age in ms beyond which a speed is stale");
-    onRun(uids, ctx, [&ctx, opts] { return uidSpeeds(ctx, opts->staleMs); });
+    addListOptions(uids, opts->list, true);
+    onRun(uids, ctx, [&ctx, opts] { return uidSpeeds(ctx, *opts); });
 
     CLI::App* iface = speeds->add_subcommand(
             "iface",
-            "Put an interface into measurement, or take it out and wipe what was "
-            "gathered for it");
-    addNumber(iface, "IFINDEX", opts->ifindex, "Interface index");
-    iface->add_option("STATE", opts->state, "on or off")
-            ->required()
-            ->check(CLI::IsMember({"on", "off"}));
+            "Without arguments, list the measured interfaces; with them, put an interface into "
+            "measurement, or take it out and wipe what was gathered for it");
+    CLI::Option* ifindex = addNumber(iface, "IFINDEX", opts->ifindex, "Interface index");
+    CLI::Option* state =
+            iface->add_option("STATE", opts->state, "on or off")->check(CLI::IsMember({"on", "off"}));
     iface->add_flag("--local", opts->local,
                     "With on: leave sockets whose peer is in the interface's subnet out of "
                     "reports");
-    // Checked while parsing, so that it is a usage error like any other.
-    iface->parse_complete_callback([opts] {
-        if (opts->local && opts->state == "off") {
-            throw CLI::ValidationError("--local", "goes with on, not off");
+    allOrNone(iface, {ifindex, state}, [opts] {
+        if (opts->local && opts->state != "on") {
+            throw CLI::ValidationError("--local", "goes with on");
         }
     });
-    onRun(iface, ctx, [&ctx, opts] { return bindInterface(ctx, *opts); });
+    onRun(iface, ctx, [&ctx, opts, state] {
+        return state->count() > 0 ? bindInterface(ctx, *opts) : listInterfaces(ctx);
+    });
 
-    CLI::App* config = speeds->add_subcommand("config", "Set the global speed configuration word");
-    addNumber(config, "WORD", opts->config, "The word, as the kernel side reads it");
-    onRun(config, ctx, [&ctx, opts] { return setConfig(ctx, opts->config); });
+    CLI::App* config = speeds->add_subcommand(
+            "config", "Show the global speed configuration word, or set it");
+    CLI::Option* word =
+            addNumber(config, "WORD", opts->config, "The word, as the kernel side reads it")
+                    ->required(false);
+    onRun(config, ctx, [&ctx, opts, word] {
+        return word->count() > 0 ? setConfig(ctx, opts->config) : showConfig(ctx);
+    });
 
     CLI::App* local = speeds->add_subcommand(
             "local",

@@ -2,6 +2,7 @@
 #include <kovrabpf/KovraBpfNetworkStats.h>
 
 #include "Commands.h"
+#include "Watch.h"
 
 namespace kovra::tool {
 
@@ -11,75 +12,49 @@ namespace {
 
 struct StatsOptions {
     uint32_t uid = 0;
+    ListOptions list;
 };
 
 using Totals = std::unordered_map<int64_t, KovraStatsValue>;
 
-// netd's records have no vendor counters, so their table leaves those columns out.
-void show(const Context& ctx, const Totals& totals, bool vendorCounters) {
-    if (ctx.json) {
-        Json rows = Json::array();
-        for (int64_t uid : sortedKeys(totals)) {
-            const KovraStatsValue& v = totals.at(uid);
-            Json row = {{"uid", uid},
-                        {"rxPackets", v.rxPackets},
-                        {"rxBytes", v.rxBytes},
-                        {"txPackets", v.txPackets},
-                        {"txBytes", v.txBytes}};
-            if (vendorCounters) {
-                row["extra0"] = v.extra0;
-                row["extra1"] = v.extra1;
-            }
-            rows.push_back(row);
-        }
-        printJson(rows);
-        return;
-    }
-    std::vector<std::string> headers = {"UID", "RX_PACKETS", "RX_BYTES", "TX_PACKETS", "TX_BYTES"};
-    if (vendorCounters) headers.insert(headers.end(), {"EXTRA0", "EXTRA1"});
-    Table table(headers);
+const std::vector<std::string> kCounters = {"rxPackets", "rxBytes", "txPackets", "txBytes"};
+
+// netd's records have no vendor counters: their columns are null there.
+Rows rowsOf(const Totals& totals, bool vendorCounters) {
+    Rows rows{{"uid", "rxPackets", "rxBytes", "txPackets", "txBytes", "extra0", "extra1"}, {}};
     for (int64_t uid : sortedKeys(totals)) {
         const KovraStatsValue& v = totals.at(uid);
-        std::vector<std::string> row = {std::to_string(uid), std::to_string(v.rxPackets),
-                                        std::to_string(v.rxBytes), std::to_string(v.txPackets),
-                                        std::to_string(v.txBytes)};
-        if (vendorCounters) {
-            row.insert(row.end(), {std::to_string(v.extra0), std::to_string(v.extra1)});
-        }
-        table.add(row);
+        rows.rows.push_back({uid, v.rxPackets, v.rxBytes, v.txPackets, v.txBytes,
+                             vendorCounters ? Json(v.extra0) : Json(nullptr),
+                             vendorCounters ? Json(v.extra1) : Json(nullptr)});
     }
-    table.print();
-    printf("%s\n", countOf(totals.size(), "UID").c_str());
+    return rows;
 }
 
-// Narrows a full table to one UID when the command line names one.
-Totals only(const Totals& totals, const CLI::Option* uidOption, uint32_t uid) {
-    if (uidOption->count() == 0) return totals;
-    Totals one;
-    if (auto it = totals.find(uid); it != totals.end()) one.insert(*it);
-    return one;
-}
-
-int netdTotals(const Context& ctx, const CLI::Option* uidOption, uint32_t uid) {
-    requirePinned(MapFamily::kStats);
-    Totals totals;
-    const int status = bpfGetUidStatsTotal(totals);
-    if (status == 0) show(ctx, only(totals, uidOption, uid), false);
-    return finish(status, "reading netd's per-UID totals");
-}
-
-int vendorTotals(const Context& ctx, const CLI::Option* uidOption, uint32_t uid) {
-    requirePinned(MapFamily::kStats);
-    Totals totals;
-    int status;
-    if (uidOption->count() == 0) {
-        status = bpfGetUidPurStatsTotal(totals);
-    } else {
-        status = bpfGetUidPurStats(uid, totals[uid]);
-        if (status != 0) totals.clear();
-    }
-    if (status == 0) show(ctx, totals, true);
-    return finish(status, "reading the vendor's per-UID totals");
+int totals(const Context& ctx, const StatsOptions& opts, const CLI::Option* uidOption,
+           bool vendor) {
+    const auto& map = vendor ? rowOf(maps::kUidPurStats.path) : rowOf(maps::kNetdAppUidStats.path);
+    requireMaps({{&map, Access::kReadOnly}});
+    const bool one = uidOption->count() > 0;
+    View view{rowsOf({}, vendor).columns, "UID", kCounters, [&] {
+                  Totals totals;
+                  if (!vendor) {
+                      check(bpfGetUidStatsTotal(totals), "reading netd's per-UID totals");
+                      if (one) {
+                          const auto it = totals.find(opts.uid);
+                          totals = it == totals.end() ? Totals{} : Totals{*it};
+                      }
+                  } else if (one) {
+                      check(bpfGetUidPurStats(opts.uid, totals[opts.uid]),
+                            "reading the vendor's totals of UID " + std::to_string(opts.uid));
+                  } else {
+                      check(bpfGetUidPurStatsTotal(totals), "reading the vendor's per-UID totals");
+                  }
+                  Listing listing;
+                  listing.rows = rowsOf(totals, vendor);
+                  return listing;
+              }};
+    return present(ctx, opts.list, view);
 }
 
 }  // namespace
@@ -90,15 +65,17 @@ void addStatsCommands(CLI::App& app, Context& ctx) {
 
     CLI::App* uids = stats->add_subcommand("uids", "Totals from netd's per-UID statistics map");
     CLI::Option* netdUid = addNumber(uids, "UID", opts->uid, "Only this UID")->required(false);
-    onRun(uids, ctx, [&ctx, opts, netdUid] { return netdTotals(ctx, netdUid, opts->uid); });
+    addListOptions(uids, opts->list, true);
+    onRun(uids, ctx, [&ctx, opts, netdUid] { return totals(ctx, *opts, netdUid, false); });
 
     CLI::App* pur = stats->add_subcommand(
             "pur", "Totals from the vendor's per-UID statistics map (with its two extra counters)");
     CLI::Option* purUid = addNumber(pur, "UID", opts->uid,
                                     "Only this UID: a single lookup, which fails with ENOENT "
-                                    "(exit 102) when the UID has no entry")
+                                    "(exit 4) when the UID has no entry")
                                   ->required(false);
-    onRun(pur, ctx, [&ctx, opts, purUid] { return vendorTotals(ctx, purUid, opts->uid); });
+    addListOptions(pur, opts->list, true);
+    onRun(pur, ctx, [&ctx, opts, purUid] { return totals(ctx, *opts, purUid, true); });
 }
 
 }  // namespace kovra::tool

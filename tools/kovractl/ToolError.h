@@ -6,31 +6,33 @@
 
 namespace kovra::tool {
 
-// A service's status becomes the exit code: 0 stays 0, -1 (a walk, write or delete failed)
-// becomes 1, and -errno becomes 100 + errno (-ENOENT: 102). 2 and 3 are kovractl's own.
+// A fixed small set, clear of the shell's 126 and up (command not runnable, 128 + signal). The
+// errno behind a status is printed, not encoded in the exit code.
 inline constexpr int kExitOk = 0;
-inline constexpr int kExitFailed = 1;
+inline constexpr int kExitFailed = 1;       // the service returned -1: a walk, write or delete failed
 inline constexpr int kExitUsage = 2;        // bad arguments; nothing was touched
-inline constexpr int kExitEnvironment = 3;  // maps not pinned, no root for the sandbox, ...
-inline constexpr int kExitErrnoBase = 100;
+inline constexpr int kExitEnvironment = 3;  // not root, a map missing or not fitting, no sandbox
+inline constexpr int kExitErrno = 4;        // the service returned -errno
+inline constexpr int kExitOutput = 5;       // the output could not be written
 
-// Exit code for a service status, as above.
 inline int exitCodeForStatus(int status) {
     if (status >= 0) return kExitOk;
-    if (status == -1) return kExitFailed;
-    const int err = -status;
-    return err > 255 - kExitErrnoBase ? 255 : kExitErrnoBase + err;
+    return status == -1 ? kExitFailed : kExitErrno;
 }
 
-// Ends the command: main() prints "kovractl: <message>" on stderr and exits with `exitCode`.
+// Ends the command: main() prints "kovractl: <message>" on stderr, with JSON output an error
+// object on stdout as well unless the command has printed its own (`inJson`), and exits with
+// `exitCode`.
 class ToolError : public std::runtime_error {
   public:
-    ToolError(int exitCode, const std::string& message)
-        : std::runtime_error(message), mExitCode(exitCode) {}
+    ToolError(int exitCode, const std::string& message, bool inJson = false)
+        : std::runtime_error(message), mExitCode(exitCode), mInJson(inJson) {}
     int exitCode() const { return mExitCode; }
+    bool inJson() const { return mInJson; }
 
   private:
     int mExitCode;
+    bool mInJson;
 };
 
 }  // namespace kovra::tool

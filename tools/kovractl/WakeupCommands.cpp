@@ -1,10 +1,11 @@
 // kovractl wakeup and kovractl screen: the TCP wake-up detector's per-UID counters, the IM
-// heartbeat lengths and the screen-state switch.
+// heartbeat lengths and the screen-state switch with the overflowing maps it resets.
 #include <kovrabpf/KovraBpfNetworkStats.h>
 
 #include <map>
 
 #include "Commands.h"
+#include "Watch.h"
 
 namespace kovra::tool {
 
@@ -49,11 +50,26 @@ std::string shortName(const char* path) {
     return name;
 }
 
+// "fin-drop" -> "finDrop", the column's JSON key.
+std::string camel(const std::string& dashed) {
+    std::string out;
+    for (size_t i = 0; i < dashed.size(); ++i) {
+        out += dashed[i] == '-' ? static_cast<char>(toupper(dashed[++i])) : dashed[i];
+    }
+    return out;
+}
+
 std::vector<std::string> shortNames() {
     std::vector<std::string> names;
     for (const CounterMap& map : counterMaps()) names.push_back(shortName(map.path));
     return names;
 }
+
+// The maps the screen-on reset clears, by their bit in the overflow check map.
+const std::vector<std::pair<uint32_t, const char*>> kOverflowBits = {
+        {1, maps::kSkTcpCookieInSeq.path},  {2, maps::kSkTcpCookieOutSeq.path},
+        {4, maps::kSkTcpCookieOutAck.path}, {8, maps::kAppTcpInwakeup.path},
+        {16, maps::kAppTcpOutwakeup.path},  {32, maps::kAppTcpWakeupduration.path}};
 
 struct WakeupOptions {
     std::vector<std::string> maps;
@@ -61,75 +77,148 @@ struct WakeupOptions {
     uint32_t hbLen = 0;
     std::string screen;
     uint64_t stamp = 0;
+    ListOptions list;
 };
 
-void showCounters(const Context& ctx, const std::vector<std::string>& names,
-                  const std::vector<Counters>& tables) {
-    std::map<unsigned int, std::vector<const unsigned long*>> byUid;
-    for (size_t m = 0; m < tables.size(); ++m) {
-        for (const auto& [uid, value] : tables[m]) {
-            auto& row = byUid[uid];
-            row.resize(tables.size(), nullptr);
-            row[m] = &value;
+int readCounters(const Context& ctx, const WakeupOptions& opts) {
+    // In the order given, all nine by default.
+    const std::vector<std::string> names = opts.maps.empty() ? shortNames() : opts.maps;
+    std::vector<const CounterMap*> chosen;
+    MapNeeds needed;
+    for (const std::string& name : names) {
+        for (const CounterMap& map : counterMaps()) {
+            if (shortName(map.path) != name) continue;
+            chosen.push_back(&map);
+            needed.push_back({&rowOf(map.path), Access::kReadOnly});
         }
     }
-    if (ctx.json) {
-        Json rows = Json::array();
-        for (const auto& [uid, values] : byUid) {
-            Json row = {{"uid", uid}};
-            for (size_t m = 0; m < names.size(); ++m) {
-                if (values[m] != nullptr) row[names[m]] = *values[m];
-            }
-            rows.push_back(row);
-        }
-        printJson(rows);
-        return;
-    }
-    std::vector<std::string> headers = {"UID"};
-    for (const std::string& name : names) headers.push_back(name);
-    Table table(headers);
-    for (const auto& [uid, values] : byUid) {
-        std::vector<std::string> row = {std::to_string(uid)};
-        for (const unsigned long* value : values) {
-            row.push_back(value != nullptr ? std::to_string(*value) : "-");
-        }
-        table.add(row);
-    }
-    table.print();
-    printf("%s\n", countOf(byUid.size(), "UID").c_str());
+    requireMaps(needed);
+    View view{{"uid"}, "UID", {}, [&] {
+                  std::map<unsigned int, std::vector<Json>> byUid;
+                  for (size_t m = 0; m < chosen.size(); ++m) {
+                      Counters counters;
+                      check(chosen[m]->read(counters),
+                            "reading the " + shortName(chosen[m]->path) + " counters");
+                      for (const auto& [uid, value] : counters) {
+                          auto& row = byUid[uid];
+                          row.resize(chosen.size(), nullptr);
+                          row[m] = value;
+                      }
+                  }
+                  Listing listing;
+                  for (auto& [uid, values] : byUid) {
+                      listing.rows.rows.push_back({uid});
+                      auto& row = listing.rows.rows.back();
+                      row.insert(row.end(), values.begin(), values.end());
+                  }
+                  return listing;
+              }};
+    for (const CounterMap* map : chosen) view.columns.push_back(camel(shortName(map->path)));
+    return present(ctx, opts.list, view);
 }
 
-int readCounters(const Context& ctx, std::vector<std::string> names) {
-    requirePinned(MapFamily::kWakeup);
-    if (names.empty()) names = shortNames();
-    std::vector<Counters> tables(names.size());
-    for (size_t m = 0; m < names.size(); ++m) {
-        for (const CounterMap& map : counterMaps()) {
-            if (shortName(map.path) != names[m]) continue;
-            // The first failure decides the exit code; what was read is not shown.
-            if (const int status = map.read(tables[m]); status != 0) {
-                return finish(status, "reading the " + names[m] + " counters");
-            }
-        }
-    }
-    showCounters(ctx, names, tables);
+int listHeartbeats(const Context& ctx) {
+    requireMaps({needs(maps::kImAppHbLen, Access::kReadOnly)});
+    Rows rows{{"uid", "hbLen"}, {}};
+    for (const auto& [uid, length] : readEntries(maps::kImAppHbLen)) rows.rows.push_back({uid, length});
+    std::sort(rows.rows.begin(), rows.rows.end());
+    printRows(ctx, rows, "heartbeat length");
     return kExitOk;
 }
 
 int addHeartbeat(const Context& ctx, uint32_t uid, uint32_t hbLen) {
-    requirePinned(MapFamily::kWakeup);
-    const int status = bpfAddAppImHbLenMap(uid, hbLen);
-    return reportChange(ctx, status,
+    requireMaps({needs(maps::kImAppHbLen, Access::kReadWrite)});
+    return reportChange(ctx, bpfAddAppImHbLenMap(uid, hbLen),
                         "set the heartbeat length of UID " + std::to_string(uid) + " to " +
                                 std::to_string(hbLen),
                         {{"uid", uid}, {"hbLen", hbLen}});
 }
 
+// The overflow flags by bit; an absent entry is null.
+std::map<uint32_t, Json> overflowFlags() {
+    std::map<uint32_t, Json> flags;
+    for (const auto& [bit, path] : kOverflowBits) flags[bit] = nullptr;
+    for (const auto& [key, value] : readEntries(maps::kOverflowingMapCheck)) {
+        if (flags.count(key) != 0) flags[key] = value;
+    }
+    return flags;
+}
+
+int showScreen(const Context& ctx) {
+    requireMaps({needs(maps::kScreenState, Access::kReadOnly),
+                 needs(maps::kOverflowingMapCheck, Access::kReadOnly)});
+    std::map<uint32_t, Json> state = {{1, nullptr}, {2, nullptr}, {3, nullptr}};
+    for (const auto& [key, value] : readEntries(maps::kScreenState)) state[key] = value;
+    const Json code = state[1];
+    const Json name = code == 2 ? Json("on") : code == 1 ? Json("off") : Json(nullptr);
+    Rows overflow{{"bit", "map", "flag", "entries"}, {}};
+    const std::map<uint32_t, Json> flags = overflowFlags();
+    for (const auto& [bit, path] : kOverflowBits) {
+        overflow.rows.push_back({bit, mapName(path), flags.at(bit), entryCount(rowOf(path))});
+    }
+    if (ctx.jsonOutput()) {
+        printJson(ctx, {{"state", name},
+                        {"stateCode", code},
+                        {"offStamp", state[2]},
+                        {"onStamp", state[3]},
+                        {"overflow", overflow.toJson()}});
+        return kExitOk;
+    }
+    auto text = [](const Json& value) { return value.is_null() ? std::string("-") : value.dump(); };
+    printf("screen: %s (state code %s), last off at stamp %s, last on at stamp %s\n",
+           name.is_null() ? "never set" : name.get<std::string>().c_str(), text(code).c_str(),
+           text(state[2]).c_str(), text(state[3]).c_str());
+    printf("overflow flags (1: reset by the next `screen on`):\n");
+    overflow.print();
+    return kExitOk;
+}
+
 int switchScreen(const Context& ctx, const std::string& state, uint64_t stamp) {
-    requirePinned(MapFamily::kWakeup);
-    const int status = bpfUpdateScreenStateMap(state == "on" ? 1 : 0, stamp);
+    const bool on = state == "on";
+    MapNeeds needed = {needs(maps::kScreenState, Access::kReadWrite)};
+    std::vector<std::pair<uint32_t, const char*>> flagged;
+    Json dropped = nullptr;
+    if (on) {
+        // The service opens the check map, then each map whose flag is 1.
+        needed.push_back(needs(maps::kOverflowingMapCheck, Access::kReadWrite));
+        if (inspectMap(rowOf(maps::kOverflowingMapCheck.path), Access::kReadOnly).state == "ok") {
+            const std::map<uint32_t, Json> flags = overflowFlags();
+            for (const auto& [bit, path] : kOverflowBits) {
+                if (flags.at(bit) != 1) continue;
+                flagged.push_back({bit, path});
+                needed.push_back({&rowOf(path), Access::kReadWrite});
+            }
+        }
+        requireMaps(needed);
+    } else {
+        needed.push_back(needs(maps::kImAppHbLen, Access::kReadWrite));
+        requireMaps(needed);
+        dropped = entryCount(rowOf(maps::kImAppHbLen.path));
+    }
+    uint32_t mask = 0;
+    Json reset = Json::array();
+    for (const auto& [bit, path] : flagged) {
+        mask |= bit;
+        reset.push_back({{"bit", bit}, {"map", mapName(path)}, {"entries", entryCount(rowOf(path))}});
+    }
+    const int status = bpfUpdateScreenStateMap(on ? 1 : 0, stamp);
+    Json details = {{"screen", state}, {"stamp", stamp}};
+    std::vector<std::string> report;
+    if (on) {
+        details["reset"] = {{"mask", mask}, {"maps", reset}};
+        std::string line = "reset overflowing maps (mask " + std::to_string(mask) + "):";
+        for (const auto& map : reset) {
+            line += " " + map["map"].get<std::string>() + " (" +
+                    countOf(map["entries"].is_null() ? 0 : map["entries"].get<size_t>(), "entry") +
+                    ")";
+        }
+        report.push_back(reset.empty() ? "no map was flagged as overflowing; nothing reset" : line);
+    } else {
+        details["dropped"] = {{"heartbeatLengths", dropped}};
+        report.push_back("dropped " + dropped.dump() + " heartbeat lengths");
+    }
     return reportChange(ctx, status, "screen " + state + " at stamp " + std::to_string(stamp),
-                        {{"screen", state}, {"stamp", stamp}});
+                        details, report);
 }
 
 }  // namespace
@@ -138,24 +227,39 @@ void addWakeupCommands(CLI::App& app, Context& ctx) {
     auto opts = std::make_shared<WakeupOptions>();
     CLI::App* wakeup = app.add_subcommand(
             "wakeup", "The TCP wake-up detector's per-UID counters (all nine maps by default)");
-    wakeup->add_option("MAP", opts->maps, "Counter maps to show, by short name")
-            ->check(CLI::IsMember(shortNames()));
-    onRun(wakeup, ctx, [&ctx, opts] { return readCounters(ctx, opts->maps); });
+    CLI::Option* counterNames =
+            wakeup->add_option("MAP", opts->maps, "Counter maps to show, by short name")
+                    ->check(CLI::IsMember(shortNames()));
+    addListOptions(wakeup, opts->list, true);
+    onRun(wakeup, ctx, [&ctx, opts] { return readCounters(ctx, *opts); });
 
-    CLI::App* hbLen = wakeup->add_subcommand("hb-len", "Register an app's IM heartbeat length");
-    addNumber(hbLen, "UID", opts->uid, "The app's UID");
-    addNumber(hbLen, "LEN", opts->hbLen, "The heartbeat length, as the kernel side expects it");
-    onRun(hbLen, ctx, [&ctx, opts] { return addHeartbeat(ctx, opts->uid, opts->hbLen); });
+    CLI::App* hbLen = wakeup->add_subcommand(
+            "hb-len", "Without arguments, list the IM heartbeat lengths; with them, register one");
+    CLI::Option* uid = addNumber(hbLen, "UID", opts->uid, "The app's UID");
+    CLI::Option* length =
+            addNumber(hbLen, "LEN", opts->hbLen, "The heartbeat length, as the kernel side expects it");
+    allOrNone(hbLen, {uid, length}, [counterNames] {
+        if (counterNames->count() > 0) {
+            throw CLI::ValidationError("hb-len", "takes no counter map names before it");
+        }
+    });
+    onRun(hbLen, ctx, [&ctx, opts, uid] {
+        return uid->count() > 0 ? addHeartbeat(ctx, opts->uid, opts->hbLen) : listHeartbeats(ctx);
+    });
 
     CLI::App* screen = app.add_subcommand(
             "screen",
-            "Record a screen-state change: `on` also resets the maps the kernel side flags as "
-            "overflowing, `off` drops the heartbeat lengths");
-    screen->add_option("STATE", opts->screen, "on or off")
-            ->required()
-            ->check(CLI::IsMember({"on", "off"}));
-    addNumber(screen, "STAMP", opts->stamp, "The time stamp of the change, stored as given");
-    onRun(screen, ctx, [&ctx, opts] { return switchScreen(ctx, opts->screen, opts->stamp); });
+            "Without arguments, show the screen state and the overflow flags; with them, record a "
+            "screen-state change: `on` also resets the maps the kernel side flags as overflowing, "
+            "`off` drops the heartbeat lengths (both reported)");
+    CLI::Option* state =
+            screen->add_option("STATE", opts->screen, "on or off")->check(CLI::IsMember({"on", "off"}));
+    CLI::Option* stamp =
+            addNumber(screen, "STAMP", opts->stamp, "The time stamp of the change, stored as given");
+    allOrNone(screen, {state, stamp});
+    onRun(screen, ctx, [&ctx, opts, state] {
+        return state->count() > 0 ? switchScreen(ctx, opts->screen, opts->stamp) : showScreen(ctx);
+    });
 }
 
 }  // namespace kovra::tool

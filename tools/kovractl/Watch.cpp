@@ -1,0 +1,215 @@
+#include "Watch.h"
+
+#include <signal.h>
+#include <stdio.h>
+#include <time.h>
+#include <unistd.h>
+
+#include <map>
+
+namespace kovra::tool {
+
+namespace {
+
+volatile sig_atomic_t gStop = 0;
+
+void onInterrupt(int) {
+    gStop = 1;
+}
+
+// Ctrl-C ends the watch after the current listing instead of killing the process mid-call.
+void stopOnInterrupt() {
+    struct sigaction action = {};
+    action.sa_handler = onInterrupt;
+    sigaction(SIGINT, &action, nullptr);
+    sigaction(SIGTERM, &action, nullptr);
+}
+
+// Sleeps `seconds`, or less when interrupted.
+void pause(double seconds) {
+    timespec left = {static_cast<time_t>(seconds),
+                     static_cast<long>((seconds - static_cast<time_t>(seconds)) * 1e9)};
+    while (!gStop && nanosleep(&left, &left) != 0) {
+    }
+}
+
+double monotonicSeconds() {
+    timespec now;
+    clock_gettime(CLOCK_MONOTONIC, &now);
+    return static_cast<double>(now.tv_sec) + static_cast<double>(now.tv_nsec) / 1e9;
+}
+
+// "rx_bytes", "RX-BYTES" and "rxBytes" all name the column rxBytes.
+std::string normalized(const std::string& name) {
+    std::string out;
+    for (char c : name) {
+        if (c != '_' && c != '-') out += static_cast<char>(tolower(static_cast<unsigned char>(c)));
+    }
+    return out;
+}
+
+std::vector<std::string> allColumns(const View& view, bool watching) {
+    std::vector<std::string> columns = view.columns;
+    if (watching) {
+        for (const std::string& counter : view.rated) columns.push_back(counter + "PerSec");
+    }
+    return columns;
+}
+
+size_t columnIndex(const std::vector<std::string>& columns, const std::string& name) {
+    for (size_t c = 0; c < columns.size(); ++c) {
+        if (normalized(columns[c]) == normalized(name)) return c;
+    }
+    std::string known;
+    for (const std::string& column : columns) known += " " + column;
+    throw ToolError(kExitUsage, "--sort: no column '" + name + "'; the columns are:" + known);
+}
+
+// Per-second rates of the rated counters against the previous listing, matched by the first
+// column; null for a row that was not there before.
+class Rates {
+  public:
+    void add(const View& view, Rows& rows, double now) {
+        std::map<std::string, std::vector<Json>> current;
+        for (auto& row : rows.rows) {
+            const std::string key = row.front().dump();
+            std::vector<Json>& values = current[key];
+            for (const std::string& counter : view.rated) {
+                const Json value = row[indexOf(rows, counter)];
+                values.push_back(value);
+                row.push_back(rate(key, values.size() - 1, value, now));
+            }
+        }
+        for (const std::string& counter : view.rated) rows.columns.push_back(counter + "PerSec");
+        mPrevious = std::move(current);
+        mTime = now;
+    }
+
+  private:
+    static size_t indexOf(const Rows& rows, const std::string& column) {
+        return std::find(rows.columns.begin(), rows.columns.end(), column) - rows.columns.begin();
+    }
+    Json rate(const std::string& key, size_t counter, const Json& value, double now) const {
+        auto before = mPrevious.find(key);
+        if (before == mPrevious.end() || !value.is_number_unsigned() ||
+            !before->second[counter].is_number_unsigned() || now <= mTime) {
+            return nullptr;
+        }
+        const uint64_t then = before->second[counter].get<uint64_t>();
+        const uint64_t current = value.get<uint64_t>();
+        // A counter that went down was reset; its rate starts again with the next listing.
+        if (current < then) return nullptr;
+        return static_cast<double>(current - then) / (now - mTime);
+    }
+    std::map<std::string, std::vector<Json>> mPrevious;
+    double mTime = 0;
+};
+
+void sortAndCut(Rows& rows, const ListOptions& options) {
+    if (!options.sort.empty()) {
+        const size_t c = columnIndex(rows.columns, options.sort);
+        // Largest first; rows without a value last.
+        std::stable_sort(rows.rows.begin(), rows.rows.end(), [c](const auto& a, const auto& b) {
+            if (a[c].is_null() || b[c].is_null()) return !a[c].is_null() && b[c].is_null();
+            return b[c] < a[c];
+        });
+    }
+    if (options.top > 0 && rows.rows.size() > options.top) rows.rows.resize(options.top);
+}
+
+// Reads one listing, with rates when watching, sorted and cut; `total` is its row count before
+// the cut.
+Listing take(const View& view, const ListOptions& options, Rates* rates, size_t& total) {
+    Listing listing = view.list();
+    if (listing.rows.columns.empty()) listing.rows.columns = view.columns;
+    if (rates != nullptr) rates->add(view, listing.rows, monotonicSeconds());
+    total = listing.rows.rows.size();
+    sortAndCut(listing.rows, options);
+    return listing;
+}
+
+Json listingJson(const Listing& listing) {
+    Json out = {{"rows", listing.rows.toJson()}};
+    out.update(listing.changes);
+    return out;
+}
+
+void printListing(const Context& ctx, const Listing& listing, size_t total, const View& view) {
+    if (ctx.jsonOutput()) {
+        printJson(ctx, listing.changes.empty() ? listing.rows.toJson() : listingJson(listing));
+        return;
+    }
+    listing.rows.print();
+    std::string count = countOf(total, view.noun);
+    if (listing.rows.rows.size() < total) {
+        count = "top " + std::to_string(listing.rows.rows.size()) + " of " + count;
+    }
+    printf("%s\n", count.c_str());
+    for (const std::string& line : listing.lines) printf("%s\n", line.c_str());
+}
+
+// Plain decimal seconds from 0.1 to 3600, in the spirit of the other numbers: no sign, blank
+// or exponent.
+std::string checkSeconds(const std::string& text) {
+    const size_t dot = text.find('.');
+    const std::string whole = text.substr(0, dot);
+    const std::string fraction = dot == std::string::npos ? "0" : text.substr(dot + 1);
+    const bool plain = !whole.empty() && !fraction.empty() &&
+                       whole.find_first_not_of("0123456789") == std::string::npos &&
+                       fraction.find_first_not_of("0123456789") == std::string::npos;
+    const double value = plain ? strtod(text.c_str(), nullptr) : 0;
+    if (plain && value >= 0.1 && value <= 3600) return "";
+    return "'" + text + "' is not a number of seconds from 0.1 to 3600";
+}
+
+}  // namespace
+
+void addListOptions(CLI::App* command, ListOptions& options, bool watchable) {
+    command->add_option("--sort", options.sort, "Sort by this column, largest first");
+    command->add_option("--top", options.top, "Show only the first N rows")
+            ->check(unsignedNumber(UINT32_MAX));
+    if (!watchable) return;
+    CLI::Option* interval =
+            command->add_option("--interval", options.interval,
+                                "List again every SECONDS (0.1 to 3600), with per-second rates of "
+                                "counters; Ctrl-C ends it")
+                    ->check(CLI::Validator(checkSeconds, "SECONDS"));
+    command->add_option("--count", options.count, "With --interval: stop after N listings")
+            ->check(unsignedNumber(UINT32_MAX))
+            ->needs(interval);
+}
+
+int present(const Context& ctx, const ListOptions& options, const View& view) {
+    const bool watching = options.interval > 0;
+    if (!options.sort.empty()) columnIndex(allColumns(view, watching), options.sort);
+    size_t total = 0;
+    if (!watching) {
+        printListing(ctx, take(view, options, nullptr, total), total, view);
+        return kExitOk;
+    }
+    stopOnInterrupt();
+    const bool terminal = isatty(STDOUT_FILENO) && !ctx.jsonOutput();
+    Rates rates;
+    for (size_t n = 0; !gStop && (options.count == 0 || n < options.count); ++n) {
+        if (n > 0) pause(options.interval);
+        if (gStop) break;
+        const Listing listing = take(view, options, &rates, total);
+        const time_t now = time(nullptr);
+        if (ctx.jsonOutput()) {
+            Json line = {{"time", now}};
+            line.update(listingJson(listing));
+            printf("%s\n", line.dump().c_str());
+        } else {
+            char clock[16];
+            strftime(clock, sizeof(clock), "%H:%M:%S", localtime(&now));
+            // On a terminal each listing replaces the last; in a file they follow each other.
+            printf("%s%s, every %gs (Ctrl-C ends)\n", terminal ? "\033[H\033[2J" : (n > 0 ? "\n" : ""),
+                   clock, options.interval);
+            printListing(ctx, listing, total, view);
+        }
+        if (fflush(stdout) != 0) break;
+    }
+    return kExitOk;
+}
+
+}  // namespace kovra::tool
