@@ -21,6 +21,7 @@ tree=$cache/tree
 project=vendor/kovra
 die() { echo "check-android-build: $*" >&2; exit 1; }
 cd "$root"
+git rev-parse --is-inside-work-tree >/dev/null 2>&1 || die "run it in a git checkout: it copies the files git knows"
 
 echo "== device build (Soong, clang 14, libc++)"
 echo "-- bpfmt"
@@ -32,17 +33,18 @@ format=$(bpfmt -d Android.bp) || die "bpfmt cannot read Android.bp"
 # it comes from changes.
 soong=$cache/soong_build
 gopath=$cache/gopath
+modules=$'package main\n\nimport (\n\t_ "android/soong/cc"\n\t_ "android/soong/genrule"\n)'
 key=$(dpkg-query -W -f='${Package} ${Version}\n' golang-go golang-android-soong-dev \
-    golang-github-google-blueprint-dev golang-github-golang-protobuf-1-3-dev)
+    golang-github-google-blueprint-dev golang-github-golang-protobuf-1-3-dev && echo "$modules")
 if [[ ! -x $soong || $(cat "$soong.key" 2>/dev/null) != "$key" ]]; then
     echo "-- building soong_build"
     rm -rf "$gopath" && mkdir -p "$gopath/src/soong_build"
     cp /usr/share/gocode/src/android/soong/cmd/soong_build/*.go "$gopath/src/soong_build/"
     rm -f "$gopath"/src/soong_build/*_test.go
-    printf 'package main\n\nimport (\n\t_ "android/soong/cc"\n\t_ "android/soong/genrule"\n)\n' \
-        >"$gopath/src/soong_build/modules.go"
+    echo "$modules" >"$gopath/src/soong_build/modules.go"
     (cd "$gopath/src/soong_build" && GO111MODULE=off GOPATH="$gopath:/usr/share/gocode" \
-        GOCACHE="$cache/gocache" go build -o "$soong" .) || die "cannot build soong_build"
+        GOCACHE="$gopath/cache" go build -o "$soong" .) || die "cannot build soong_build"
+    rm -rf "$gopath"
     echo "$key" >"$soong.key"
 fi
 

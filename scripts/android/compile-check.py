@@ -68,7 +68,11 @@ def check(tree, entry):
 
 def main():
     tree = sys.argv[1]
-    entries = [e for e in json.load(sys.stdin) if e["file"].startswith(PROJECT)]
+    try:
+        database = json.load(sys.stdin)
+    except ValueError:
+        raise SystemExit("compile-check: ninja gave no compile database")
+    entries = [e for e in database if e["file"].startswith(PROJECT)]
     if not entries:
         raise SystemExit("compile-check: build.ninja holds no compile command for the project")
     failed = 0
