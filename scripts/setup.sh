@@ -10,6 +10,9 @@ packages=(
     clang libclang-rt-14-dev valgrind
     libcli11-dev nlohmann-json3-dev
     libbpf-dev libnl-route-3-dev
+    blueprint-tools golang-go golang-android-soong-dev golang-github-google-blueprint-dev
+    golang-github-golang-protobuf-1-3-dev ninja-build python3 git
+    clang-14 libc++-14-dev libc++abi-14-dev libc6-dev-arm64-cross libc6-dev-armhf-cross
     "$@"
 )
 

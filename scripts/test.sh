@@ -21,6 +21,7 @@ check() {  # check BUILD_DIR
     (cd "$1" && ctest -j "$jobs" --output-on-failure --timeout 300)
 }
 
+bash scripts/check-android-build.sh || status=1
 echo "== sanitized build (ASan + UBSan)"
 export ASAN_OPTIONS=detect_leaks=1
 { build build/asan -DKOVRA_SANITIZE=ON -DKOVRA_BUILD_BENCH=OFF && check build/asan; } || status=1

@@ -11,6 +11,10 @@ namespace android::bpf {
 
 namespace {
 
+// The readers are defined with the spelling their callers link against, which holds the 64-bit
+// counters only where unsigned long is 64 bits wide: the 64-bit targets the library is built for.
+static_assert(sizeof(unsigned long) == sizeof(uint64_t), "the wake-up readers need an LP64 target");
+
 // Copies a snapshot of one counter map into the caller's table, keeping any UID the table
 // already holds. The kernel side updates the counters while we walk, so the snapshot belongs to
 // no single instant, and a UID it deletes between listing and reading ends the walk with -1.
@@ -24,39 +28,39 @@ int readCounters(const PinnedMap<uint32_t, Value>& counters,
 
 }  // namespace
 
-int bpfGetAppTcpFinDropMap(std::unordered_map<uint32_t, uint32_t>& map) {
+int bpfGetAppTcpFinDropMap(std::unordered_map<unsigned int, unsigned int>& map) {
     return readCounters(maps::kAppTcpFinDrop, map);
 }
 
-int bpfGetAppTcpInwakeupMap(std::unordered_map<uint32_t, uint64_t>& map) {
+int bpfGetAppTcpInwakeupMap(std::unordered_map<unsigned int, unsigned long>& map) {
     return readCounters(maps::kAppTcpInwakeup, map);
 }
 
-int bpfGetAppTcpOutwakeupMap(std::unordered_map<uint32_t, uint64_t>& map) {
+int bpfGetAppTcpOutwakeupMap(std::unordered_map<unsigned int, unsigned long>& map) {
     return readCounters(maps::kAppTcpOutwakeup, map);
 }
 
-int bpfGetAppTcpWakeupdurationMap(std::unordered_map<uint32_t, uint64_t>& map) {
+int bpfGetAppTcpWakeupdurationMap(std::unordered_map<unsigned int, unsigned long>& map) {
     return readCounters(maps::kAppTcpWakeupduration, map);
 }
 
-int bpfGetAppTcpOutImHbMap(std::unordered_map<uint32_t, uint64_t>& map) {
+int bpfGetAppTcpOutImHbMap(std::unordered_map<unsigned int, unsigned long>& map) {
     return readCounters(maps::kAppTcpOutImHb, map);
 }
 
-int bpfGetAppTcpOutAlignMap(std::unordered_map<uint32_t, uint64_t>& map) {
+int bpfGetAppTcpOutAlignMap(std::unordered_map<unsigned int, unsigned long>& map) {
     return readCounters(maps::kAppTcpOutAlign, map);
 }
 
-int bpfGetAppTcpInKeepAliveMap(std::unordered_map<uint32_t, uint64_t>& map) {
+int bpfGetAppTcpInKeepAliveMap(std::unordered_map<unsigned int, unsigned long>& map) {
     return readCounters(maps::kAppTcpInKeepAlive, map);
 }
 
-int bpfGetAppTcpReinwakeupMap(std::unordered_map<uint32_t, uint64_t>& map) {
+int bpfGetAppTcpReinwakeupMap(std::unordered_map<unsigned int, unsigned long>& map) {
     return readCounters(maps::kAppTcpReinwakeup, map);
 }
 
-int bpfGetAppTcpReoutwakeupMap(std::unordered_map<uint32_t, uint64_t>& map) {
+int bpfGetAppTcpReoutwakeupMap(std::unordered_map<unsigned int, unsigned long>& map) {
     return readCounters(maps::kAppTcpReoutwakeup, map);
 }
 

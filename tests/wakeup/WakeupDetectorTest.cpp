@@ -19,15 +19,15 @@ using Table = std::unordered_map<uint32_t, V>;
 
 // Each reader with its map.
 const auto kReaders =
-        std::make_tuple(std::pair{maps::kAppTcpFinDrop, bpfGetAppTcpFinDropMap},
-                        std::pair{maps::kAppTcpInwakeup, bpfGetAppTcpInwakeupMap},
-                        std::pair{maps::kAppTcpOutwakeup, bpfGetAppTcpOutwakeupMap},
-                        std::pair{maps::kAppTcpWakeupduration, bpfGetAppTcpWakeupdurationMap},
-                        std::pair{maps::kAppTcpOutImHb, bpfGetAppTcpOutImHbMap},
-                        std::pair{maps::kAppTcpOutAlign, bpfGetAppTcpOutAlignMap},
-                        std::pair{maps::kAppTcpInKeepAlive, bpfGetAppTcpInKeepAliveMap},
-                        std::pair{maps::kAppTcpReinwakeup, bpfGetAppTcpReinwakeupMap},
-                        std::pair{maps::kAppTcpReoutwakeup, bpfGetAppTcpReoutwakeupMap});
+        std::make_tuple(std::pair{maps::kAppTcpFinDrop, &bpfGetAppTcpFinDropMap},
+                        std::pair{maps::kAppTcpInwakeup, &bpfGetAppTcpInwakeupMap},
+                        std::pair{maps::kAppTcpOutwakeup, &bpfGetAppTcpOutwakeupMap},
+                        std::pair{maps::kAppTcpWakeupduration, &bpfGetAppTcpWakeupdurationMap},
+                        std::pair{maps::kAppTcpOutImHb, &bpfGetAppTcpOutImHbMap},
+                        std::pair{maps::kAppTcpOutAlign, &bpfGetAppTcpOutAlignMap},
+                        std::pair{maps::kAppTcpInKeepAlive, &bpfGetAppTcpInKeepAliveMap},
+                        std::pair{maps::kAppTcpReinwakeup, &bpfGetAppTcpReinwakeupMap},
+                        std::pair{maps::kAppTcpReoutwakeup, &bpfGetAppTcpReoutwakeupMap});
 
 // Calls check(reader, index) for the nine readers.
 template <typename F>
@@ -213,7 +213,7 @@ TEST_F(ScreenStateTest, AFailedStateWriteStillRunsTheRestAndReturnsMinusOne) {
         m.fill();
         ASSERT_TRUE(m.check.put(8, 1));
         failBpfCommand(BPF_MAP_UPDATE_ELEM, failing, EIO);
-        EXPECT_EQ(-1, noLeak([&] { return bpfUpdateScreenStateMap(state, 5); }));
+        EXPECT_EQ(-1, noLeak([s = state] { return bpfUpdateScreenStateMap(s, 5); }));
         EXPECT_EQ(failing != 1, m.screen.get(1).has_value());
         EXPECT_EQ(failing != 2, m.screen.get(state == 0 ? 2 : 3).has_value());
         // The follow-up ran: the heartbeat lengths or the flagged map are gone.

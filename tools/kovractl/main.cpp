@@ -40,7 +40,7 @@ int usageError(const CLI::App& app, const CLI::ParseError& error) {
     const CLI::App* command = innermost(app);
     // An unknown subcommand is left over rather than reported by name; name it.
     const std::vector<std::string> unknown = app.remaining(true);
-    if (!unknown.empty() && dynamic_cast<const CLI::RequiredError*>(&error) != nullptr) {
+    if (!unknown.empty() && error.get_name() == "RequiredError") {
         fprintf(stderr, "kovractl: unknown subcommand '%s'\n\n", unknown.front().c_str());
     } else {
         fprintf(stderr, "kovractl: %s\n\n", error.what());
