@@ -79,14 +79,7 @@ void checkCopier(size_t index, const PinnedMap<K, V>& pinned, int (*service)(Tab
     for (const K& key : map.keys()) map.erase(key);
     for (uint64_t key = 1; key <= 5; ++key) ASSERT_TRUE(map.put(K(key), valueOf<V>(index, key)));
     const std::vector<K> order = map.keys();
-    struct Failure {
-        int cmd, nth, err;
-        const char* message;
-        size_t read;
-    };
-    for (const Failure& f : {Failure{BPF_MAP_LOOKUP_ELEM, 3, EIO, "BpfMap::readValue() failed", 2},
-                             Failure{BPF_MAP_GET_NEXT_KEY, 4, EBUSY, "BpfMap::getNextKey() failed", 3},
-                             Failure{BPF_MAP_GET_NEXT_KEY, 1, EPERM, "BpfMap::getFirstKey() failed", 0}}) {
+    for (const WalkFailure& f : kWalkFailures) {
         SCOPED_TRACE(f.message);
         failBpfCommand(f.cmd, f.nth, f.err);
         table.clear();
