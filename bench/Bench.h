@@ -151,6 +151,47 @@ void refillUntimed(benchmark::State& state, const RawMap& map, int64_t n, V (*ma
     state.ResumeTiming();
 }
 
+// How many of each bpf command the library has issued since the process started (Commands.cpp).
+inline constexpr int kCommandKinds = BPF_PROG_BIND_MAP + 1;
+uint64_t bpfCommands(int cmd);
+
+// The library's bpf commands as a benchmark issues them: taken when its loop starts, reported by
+// count() as counters beside its timings, per call by kind and per entry in all.
+class CommandCount {
+  public:
+    CommandCount() { snapshot(before_); }
+    void count(benchmark::State& state, int64_t entries) const {
+        uint64_t after[kCommandKinds];
+        snapshot(after);
+        const std::pair<int, const char*> kinds[] = {
+                {BPF_OBJ_GET, "get"},          {BPF_OBJ_GET_INFO_BY_FD, "info"},
+                {BPF_MAP_GET_NEXT_KEY, "next"}, {BPF_MAP_LOOKUP_ELEM, "lookup"},
+                {BPF_MAP_UPDATE_ELEM, "update"}, {BPF_MAP_DELETE_ELEM, "delete"}};
+        double all = total(after);
+        state.counters["bpf_per_entry"] = avg(all / std::max<int64_t>(entries, 1));
+        for (const auto& [cmd, name] : kinds) {
+            const double issued = after[cmd] - before_[cmd];
+            if (issued > 0) state.counters[std::string("bpf_") + name] = avg(issued);
+            all -= issued;
+        }
+        if (all > 0) state.counters["bpf_other"] = avg(all);
+    }
+
+  private:
+    static benchmark::Counter avg(double issued) {
+        return benchmark::Counter(issued, benchmark::Counter::kAvgIterations);
+    }
+    static void snapshot(uint64_t* into) {
+        for (int cmd = 0; cmd < kCommandKinds; ++cmd) into[cmd] = bpfCommands(cmd);
+    }
+    double total(const uint64_t* after) const {
+        double all = 0;
+        for (int cmd = 0; cmd < kCommandKinds; ++cmd) all += after[cmd] - before_[cmd];
+        return all;
+    }
+    uint64_t before_[kCommandKinds];
+};
+
 // Reports time per entry beside time per call.
 inline void perEntry(benchmark::State& state, int64_t entries) {
     state.counters["per_entry"] = benchmark::Counter(

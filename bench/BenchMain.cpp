@@ -12,6 +12,7 @@
 namespace kovra::bench {
 void registerWalkBenchmarks();
 void registerOpenAndClearBenchmarks();
+void registerServiceBenchmarks();
 }  // namespace kovra::bench
 
 int main(int argc, char** argv) {
@@ -23,6 +24,7 @@ int main(int argc, char** argv) {
     }
     kovra::bench::registerWalkBenchmarks();
     kovra::bench::registerOpenAndClearBenchmarks();
+    kovra::bench::registerServiceBenchmarks();
     benchmark::Initialize(&argc, argv);
     if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 1;
     benchmark::RunSpecifiedBenchmarks();

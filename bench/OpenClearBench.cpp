@@ -48,27 +48,33 @@ void rawOpenAndClose(benchmark::State& state, bool writable) {
 template <typename Handle>
 void openAndClose(benchmark::State& state) {
     seeded(maps::kUidPurStats, kSingleEntryMapSize, derivedFrom<uint32_t, KovraStatsValue>);
+    const CommandCount commands;
     for (auto _ : state) {
         Handle handle(maps::kUidPurStats);
         benchmark::DoNotOptimize(handle.getMap().get());
     }
+    commands.count(state, 1);
 }
 
 void blockOneUid(benchmark::State& state) {
     seeded(maps::kAppNetDisconnLimit, kSingleEntryMapSize, derivedFrom<uint32_t, uint32_t>);
     const int uid = static_cast<int>(keyAt<uint32_t>(7));
+    const CommandCount commands;
     for (auto _ : state) {
         if (bpfDisableNetwork(uid) != 0) fail(state, "blocking failed");
     }
+    commands.count(state, 1);
 }
 
 void singleUidLookup(benchmark::State& state) {
     seeded(maps::kUidPurStats, kSingleEntryMapSize, derivedFrom<uint32_t, KovraStatsValue>);
     const uint32_t uid = keyAt<uint32_t>(7);
     KovraStatsValue out;
+    const CommandCount commands;
     for (auto _ : state) {
         if (bpfGetUidPurStats(uid, out) != 0) fail(state, "lookup failed");
     }
+    commands.count(state, 1);
 }
 
 // clear() deletes the first key until there is none. The map is made and filled outside the
@@ -102,11 +108,13 @@ void clearing(benchmark::State& state, Clearer how) {
     const RawMap map(kCleared.path, sizeof(uint64_t), sizeof(AppFreezeSynInfo),
                      static_cast<uint32_t>(state.range(1)));
     fill(map, entries, kMake);
+    const CommandCount commands;
     for (auto _ : state) {
         emptyOnce(how, map.fd());
         refillUntimed(state, map, entries, kMake);
     }
     perEntry(state, entries);
+    if (how == Clearer::kService) commands.count(state, entries);
 }
 
 }  // namespace

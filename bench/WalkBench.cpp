@@ -68,6 +68,7 @@ void runService(benchmark::State& state, const PinnedMap<K, V>& map, V (*make)(c
     const int64_t n = state.range(0);
     const RawMap& pinned = seeded(map, n, make);
     Table out;
+    const CommandCount commands;
     for (auto _ : state) {
         out.clear();
         if (service(out) != 0) fail(state, "the service failed");
@@ -75,6 +76,7 @@ void runService(benchmark::State& state, const PinnedMap<K, V>& map, V (*make)(c
     }
     if (static_cast<int64_t>(out.size()) != n) fail(state, "the service missed entries");
     perEntry(state, n);
+    commands.count(state, n);
 }
 
 // Registers a service and its floors at every size, the three side by side for each size.

@@ -99,22 +99,14 @@ TEST_F(BpfMapTest, WalkStopsAtTheFirstFailingStepOrCallback) {
     EXPECT_EQ("callback says stop", stop.error().message());
     EXPECT_EQ(EDOM, stop.error().code());
 
-    struct Case {
-        int cmd, nth, err;
-        const char* message;
-        int callsBefore;
-    };
-    for (const Case& c : {Case{BPF_MAP_LOOKUP_ELEM, 3, EIO, "BpfMap::readValue() failed", 2},
-                          Case{BPF_MAP_GET_NEXT_KEY, 3, EBUSY, "BpfMap::getNextKey() failed", 2},
-                          Case{BPF_MAP_GET_NEXT_KEY, 1, EPERM, "BpfMap::getFirstKey() failed", 0}}) {
-        resetInterposers();
+    for (const WalkFailure& c : kWalkFailures) {
         failBpfCommand(c.cmd, c.nth, c.err);
         calls = 0;
         auto failed = handle.iterateWithValue(count);
         ASSERT_FALSE(failed.ok());
         EXPECT_EQ(c.message, failed.error().message());
         EXPECT_EQ(c.err, failed.error().code());
-        EXPECT_EQ(c.callsBefore, calls) << c.message;
+        EXPECT_EQ(c.read, size_t(calls)) << c.message;
     }
     EXPECT_EQ(5u, map.size()) << "a read-only walk never changes the map";
 }

@@ -11,6 +11,7 @@
 // Only what the kernel cannot be made to do on demand is faked that way.
 #pragma once
 
+#include <errno.h>
 #include <linux/bpf.h>
 #include <signal.h>
 #include <unistd.h>
@@ -85,6 +86,17 @@ void failBpfCommand(int cmd, int nth, int err);
 // BPF_F_WRONLY with the descriptor and leave them out of a map's reported flags, so a map that
 // reports them has to be made up.
 void reportMapFlags(uint32_t extra);
+// The ways a walk of five or more entries fails: the command made to fail, its errno, the error
+// the walk ends with and how many entries it delivered before.
+struct WalkFailure {
+    int cmd, nth, err;
+    const char* message;
+    size_t read;
+};
+inline const WalkFailure kWalkFailures[] = {
+        {BPF_MAP_LOOKUP_ELEM, 3, EIO, "BpfMap::readValue() failed", 2},
+        {BPF_MAP_GET_NEXT_KEY, 4, EBUSY, "BpfMap::getNextKey() failed", 3},
+        {BPF_MAP_GET_NEXT_KEY, 1, EPERM, "BpfMap::getFirstKey() failed", 0}};
 // bpf commands issued through syscall() since the last reset, by command.
 int bpfCommandCount(int cmd);
 // Clears hooks, counters and the uname override.

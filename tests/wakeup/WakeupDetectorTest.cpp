@@ -1,11 +1,10 @@
-// The TCP wake-up detector: the counter readers, the heartbeat lengths and the screen-state switch
-// with its reset of the maps flagged as overflowing.
+// The TCP wake-up detector: the heartbeat lengths and the screen-state switch with its reset of
+// the maps flagged as overflowing (the counter readers are among the copying services, core/).
 #include <errno.h>
 #include <fcntl.h>
 
 #include <algorithm>
 #include <string>
-#include <tuple>
 
 #include "Harness.h"
 
@@ -14,72 +13,7 @@ namespace {
 
 using namespace android::bpf;
 
-template <typename V>
-using Table = std::unordered_map<uint32_t, V>;
-
-// Each reader with its map.
-const auto kReaders =
-        std::make_tuple(std::pair{maps::kAppTcpFinDrop, &bpfGetAppTcpFinDropMap},
-                        std::pair{maps::kAppTcpInwakeup, &bpfGetAppTcpInwakeupMap},
-                        std::pair{maps::kAppTcpOutwakeup, &bpfGetAppTcpOutwakeupMap},
-                        std::pair{maps::kAppTcpWakeupduration, &bpfGetAppTcpWakeupdurationMap},
-                        std::pair{maps::kAppTcpOutImHb, &bpfGetAppTcpOutImHbMap},
-                        std::pair{maps::kAppTcpOutAlign, &bpfGetAppTcpOutAlignMap},
-                        std::pair{maps::kAppTcpInKeepAlive, &bpfGetAppTcpInKeepAliveMap},
-                        std::pair{maps::kAppTcpReinwakeup, &bpfGetAppTcpReinwakeupMap},
-                        std::pair{maps::kAppTcpReoutwakeup, &bpfGetAppTcpReoutwakeupMap});
-
-// Calls check(reader, index) for the nine readers.
-template <typename F>
-void forEachReader(F check) {
-    size_t index = 0;
-    std::apply([&](const auto&... reader) { (check(reader, index++), ...); }, kReaders);
-}
-
-constexpr uint32_t kCallersUid = 1000, kZeroUid = 10123;
-constexpr uint32_t kUids[] = {0, kCallersUid, kZeroUid, 4294967295u};
-
-// Differs from map to map, fills the value's top byte and is 0 for kZeroUid, so that a reader
-// that reads another reader's map, truncates or skips zero counters shows.
-template <typename V>
-V counter(size_t reader, uint32_t uid) {
-    return uid == kZeroUid ? 0 : V((uint64_t{reader + 1} << (8 * sizeof(V) - 8)) + uid);
-}
-
-class WakeupCountersTest : public KernelTest {};
-
-TEST_F(WakeupCountersTest, ReadersCopyTheirOwnMapWithoutOverwritingAndKeepItOnAFailedWalk) {
-    forEachReader([](const auto& r, size_t index) {
-        using V = typename decltype(r.first)::Value;
-        SCOPED_TRACE(r.first.path);
-        TestMap map(r.first);          // stays pinned, so later readers find it with its own values
-        reportMapFlags(BPF_F_RDONLY);  // a map pinned read-only is fine for reading
-        Table<V> table{{kCallersUid, 5}}, all;
-        EXPECT_EQ(0, noLeak([&] { return r.second(table); }));
-        EXPECT_EQ((Table<V>{{kCallersUid, 5}}), table) << "an empty map adds nothing";
-
-        for (uint32_t uid : kUids) ASSERT_TRUE(map.put(uid, all[uid] = counter<V>(index, uid)));
-        EXPECT_EQ(0, r.second(table));
-        Table<V> expected = all;
-        expected[kCallersUid] = 5;
-        EXPECT_EQ(expected, table) << "the caller's value stays; every other UID is added";
-        table.clear();
-        EXPECT_EQ(0, r.second(table));
-        EXPECT_EQ(all, table) << "reading is not harvesting";
-
-        table.clear();
-        failBpfCommand(BPF_MAP_LOOKUP_ELEM, 3, EIO);
-        EXPECT_EQ(-1, noLeak([&] { return r.second(table); }));
-        EXPECT_EQ(2u, table.size()) << "what was read before the failure stays";
-        for (const auto& entry : table) EXPECT_EQ(all[entry.first], entry.second);
-        // Only the end of the keys ends a walk well; a first key that cannot be had is a failure.
-        failBpfCommand(BPF_MAP_GET_NEXT_KEY, 1, EPERM);
-        EXPECT_EQ(-1, r.second(table));
-    });
-    EXPECT_TRUE(takeLogs().empty());
-}
-
-using WakeupCountersDeathTest = WakeupCountersTest;
+class WakeupCountersDeathTest : public KernelTest {};
 
 TEST_F(WakeupCountersDeathTest, HeartbeatLengthIsCreatedOrReplacedInAWritableMapOnly) {
     TestMap map(maps::kImAppHbLen, 2);

@@ -1,0 +1,335 @@
+// The services over real maps filled from the fuzzer's input, one family per run, chosen by
+// KOVRA_FUZZ_FAMILY (uid_stats, freeze, wakeup or speeds; each has its corpus in fuzz/corpus/).
+//   uid_stats  the per-UID totals and the single-UID lookup, with a caller's table that already
+//              holds some UIDs;
+//   freeze     the records harvests: the table gains what the map held, and the map ends up empty;
+//   wakeup     the counter readers, and a screen-state switch with fuzzed overflow flags that
+//              resets exactly the maps flagged with 1, takes those flags back and leaves the rest;
+//   speeds     the speed reports over records whose stamps fall around now, with fuzzed
+//              staleness, floor and watch list, and interfaces that may ask for the local-subnet
+//              filter. A socket or pair that is surely stale must be pruned (from both socket
+//              maps), one that is surely fresh must stay, and whatever is reported must be its
+//              record with each speed in kbps or 0; where nothing about an entry is in doubt,
+//              whether it is reported is checked too. "Surely" is judged against the clock read
+//              before and after the call, since the service reads its own.
+#include <stdlib.h>
+#include <string.h>
+#include <time.h>
+
+#include <string>
+#include <unordered_set>
+
+#include <kovrabpf/KovraPinnedMaps.h>
+
+#include "FuzzMaps.h"
+
+using namespace android::bpf;
+using namespace kovra::fuzz;
+
+namespace {
+
+// A copying service over a refilled map: a harvest must leave the map empty, a read as it was.
+template <typename K, typename V, typename Table>
+void fuzzCopier(FuzzedDataProvider& input, FuzzedMap<K, V>& map, int (*service)(Table&),
+                bool harvests) {
+    map.refill(input);
+    fuzzCopy(input, map, service);
+    require(map.map().keys().size() == (harvests ? 0 : map.written().size()),
+            harvests ? "a harvest left records in the map" : "a reader changed its map");
+}
+
+KovraStatsValue widened(const StatsValue& stats) {
+    KovraStatsValue value{};
+    memcpy(&value, &stats, sizeof(stats));
+    return value;
+}
+
+void fuzzSingleUid(FuzzedDataProvider& input, const FuzzedMap<uint32_t, KovraStatsValue>& map) {
+    const uint32_t uid = draw<uint32_t>(input);
+    const KovraStatsValue untouched = draw<KovraStatsValue>(input);
+    KovraStatsValue out = untouched;
+    const int status = withoutLeak([&] { return bpfGetUidPurStats(uid, out); });
+    const auto it = map.written().find(uid);
+    if (it == map.written().end()) {
+        require(status == -ENOENT, "a missing UID is not -ENOENT");
+        require(kovra::sandbox::sameBytes(untouched, out), "a failed lookup wrote the record");
+    } else {
+        require(status == 0, "a present UID was not read");
+        require(kovra::sandbox::sameBytes(it->second, out), "the record changed on the way");
+    }
+}
+
+// The maps a non-zero screen state may reset, by the overflow flag that names them.
+struct Resettable {
+    uint32_t bit;
+    const kovra::sandbox::RawMap* map;
+    size_t keySize;
+};
+
+size_t entries(const Resettable& r) {
+    return r.map->rawKeys(r.keySize).size();
+}
+
+void fuzzScreenOn(FuzzedDataProvider& input, FuzzedMap<uint32_t, uint32_t>& check,
+                  const std::vector<Resettable>& resettable) {
+    check.refill(input);
+    // Flags drawn from the input land on the six known bits as often as not.
+    for (const Resettable& r : resettable) {
+        if (input.ConsumeBool()) {
+            const uint32_t flag = input.ConsumeIntegralInRange<uint32_t>(0, 2);
+            require(check.map().put(r.bit, flag), "writing a flag");
+        }
+    }
+    std::vector<std::pair<std::optional<uint32_t>, size_t>> before;
+    for (const Resettable& r : resettable) before.emplace_back(check.map().get(r.bit), entries(r));
+    const size_t flags = check.map().keys().size();
+
+    require(withoutLeak([&] { return bpfUpdateScreenStateMap(1, 7); }) == 0, "screen on failed");
+    for (size_t i = 0; i < resettable.size(); ++i) {
+        const auto& [flag, size] = before[i];
+        const Resettable& r = resettable[i];
+        if (flag == 1u) {
+            require(check.map().get(r.bit) == 0u, "a flag of 1 was not taken back");
+            require(entries(r) == 0, "a flagged map kept entries");
+        } else {
+            require(check.map().get(r.bit) == flag, "a flag other than 1 changed");
+            require(entries(r) == size, "a map not flagged with 1 was touched");
+        }
+    }
+    require(check.map().keys().size() == flags, "the check map gained or lost keys");
+}
+
+uint64_t monotonicNow() {
+    timespec ts;
+    clock_gettime(CLOCK_MONOTONIC, &ts);
+    return static_cast<uint64_t>(ts.tv_sec) * 1000000000u + static_cast<uint64_t>(ts.tv_nsec);
+}
+
+// Records whose stamps mostly lie within a few seconds either side of now, and whose interface
+// is one of a handful, so that staleness and the interface table both come into play.
+SpeedsValue drawSpeeds(FuzzedDataProvider& input) {
+    SpeedsValue value = draw<SpeedsValue>(input);
+    const uint64_t now = monotonicNow();
+    for (uint64_t* stamp : {&value.firstStamp, &value.secondStamp}) {
+        if (input.ConsumeBool())
+            *stamp = now - input.ConsumeIntegralInRange<int64_t>(-1, 8) * 500000000;
+    }
+    value.ifindex = input.ConsumeIntegralInRange<uint32_t>(0, 3);
+    return value;
+}
+
+// A direction's staleness as the service judges it at some instant between `before` and `after`:
+// known when both ends agree.
+struct Staleness {
+    bool surelyStale, surelyFresh;
+};
+
+Staleness judge(uint64_t stamp, uint32_t staleMs, uint64_t before, uint64_t after) {
+    auto stale = [&](uint64_t now) { return now > stamp && (now - stamp) / 1000000 > staleMs; };
+    return {stale(before), !stale(after)};
+}
+
+struct Judged {
+    Staleness first, second;
+    bool surelyPruned, surelyKept;
+    bool known() const {
+        return (first.surelyStale || first.surelyFresh) &&
+               (second.surelyStale || second.surelyFresh);
+    }
+};
+
+Judged judge(const SpeedsValue& v, uint32_t staleMs, uint64_t before, uint64_t after) {
+    const Staleness first = judge(v.firstStamp, staleMs, before, after);
+    const Staleness second = judge(v.secondStamp, staleMs, before, after);
+    return {first, second, before > v.secondStamp && first.surelyStale && second.surelyStale,
+            v.secondStamp >= after || first.surelyFresh || second.surelyFresh};
+}
+
+// A reported speed is the record's divided by 1000, or 0 for a stale direction.
+bool speedFits(uint64_t reported, uint64_t raw, const Staleness& s) {
+    if (s.surelyFresh) return reported == raw / 1000;
+    if (s.surelyStale) return reported == 0;
+    return reported == 0 || reported == raw / 1000;
+}
+
+struct Maps {
+    FuzzedMap<uint64_t, SpeedsValue> sockets{maps::kAppSocketSpeeds};
+    FuzzedMap<uint64_t, SocketTuple> infos{maps::kAppSocketInfo};
+    FuzzedMap<uint32_t, IfIndexSpeedConfig> interfaces{maps::kAppSocketSpeedsIfindex};
+    FuzzedMap<UidIfindexKey, SpeedsValue> uids{maps::kAppUidSpeeds};
+};
+
+void fuzzSocketSpeeds(FuzzedDataProvider& input, Maps& maps) {
+    using Table = std::unordered_map<uint64_t, SpeedsValue>;
+    maps.sockets.refill(input, drawSpeeds);
+    maps.infos.refill(input);
+    maps.interfaces.refill(
+            input,
+            [](FuzzedDataProvider& in) {
+                return IfIndexSpeedConfig{1, in.ConsumeIntegralInRange<uint32_t>(0, 1)};
+            },
+            [](FuzzedDataProvider& in) { return in.ConsumeIntegralInRange<uint32_t>(0, 3); });
+    const uint32_t staleMs = input.ConsumeIntegralInRange<uint32_t>(0, 5000);
+    const uint32_t minKbps = input.ConsumeIntegral<uint32_t>();
+    std::unordered_set<uint64_t> watched;
+    for (const auto& [cookie, _] : maps.sockets.written()) {
+        if (input.ConsumeBool()) watched.insert(cookie);
+    }
+    const Table before = callersTable<Table>(input, maps.sockets.written());
+    Table after = before;
+
+    const uint64_t start = monotonicNow();
+    const int status = withoutLeak(
+            [&] { return bpfGetAppSocketSpeedsTotal(after, staleMs, minKbps, watched); });
+    const uint64_t end = monotonicNow();
+    require(status == 0, "the socket report failed");
+
+    const uint32_t limit = minKbps * 1000;  // wraps in 32 bits, as the report's floor does
+    for (const auto& [cookie, v] : maps.sockets.written()) {
+        const Judged j = judge(v, staleMs, start, end);
+        const bool present = maps.sockets.map().get(cookie).has_value();
+        if (j.surelyPruned) {
+            require(!present, "a surely stale socket was not pruned");
+            require(!maps.infos.map().get(cookie), "a pruned socket kept its information");
+        }
+        if (j.surelyKept) require(present, "a fresh socket was pruned");
+        if (before.count(cookie)) continue;
+        const auto reported = after.find(cookie);
+        if (reported != after.end()) {
+            SpeedsValue rest = reported->second;
+            require(speedFits(rest.firstSpeed, v.firstSpeed, j.first) &&
+                            speedFits(rest.secondSpeed, v.secondSpeed, j.second),
+                    "a reported speed is neither the record's in kbps nor 0");
+            rest.firstSpeed = v.firstSpeed;
+            rest.secondSpeed = v.secondSpeed;
+            require(kovra::sandbox::sameBytes(rest, v), "a reported record changed beyond its speeds");
+            require(!j.surelyPruned, "a pruned socket was reported");
+        }
+        const auto iface = maps.interfaces.written().find(v.ifindex);
+        const bool mayBeLocal =
+                iface != maps.interfaces.written().end() && iface->second.localEnable == 1;
+        if (!j.known() || !j.surelyKept || mayBeLocal) continue;
+        const uint64_t first = j.first.surelyStale ? 0 : v.firstSpeed;
+        const uint64_t second = j.second.surelyStale ? 0 : v.secondSpeed;
+        const bool due = first >= limit || second >= limit ||
+                         (watched.count(cookie) && (first != 0 || second != 0));
+        require(due == (reported != after.end()),
+                due ? "a due socket was not reported" : "a socket under the floor was reported");
+    }
+    for (const auto& [cookie, _] : after) {
+        require(before.count(cookie) || maps.sockets.written().count(cookie),
+                "a socket no map held was reported");
+    }
+}
+
+void fuzzUidSpeeds(FuzzedDataProvider& input, Maps& maps) {
+    using Table = std::unordered_map<uint64_t, IfaceSpeedsValue>;
+    maps.uids.refill(input, drawSpeeds);
+    const uint32_t staleMs = input.ConsumeIntegralInRange<uint32_t>(0, 5000);
+    const Table before = callersTable<Table>(input, maps.uids.written());
+    Table after = before;
+
+    const uint64_t start = monotonicNow();
+    require(withoutLeak([&] { return bpfGetAppUidSpeedsTotal(after, staleMs); }) == 0,
+            "the UID report failed");
+    const uint64_t end = monotonicNow();
+
+    for (const auto& [key, v] : maps.uids.written()) {
+        const Judged j = judge(v, staleMs, start, end);
+        UidIfindexKey pair;
+        memcpy(&pair, &key, sizeof(pair));
+        const bool present = maps.uids.map().get(pair).has_value();
+        if (j.surelyPruned) require(!present, "a surely stale pair was not pruned");
+        if (j.surelyKept) require(present, "a fresh pair was pruned");
+        if (before.count(key)) continue;
+        const auto reported = after.find(key);
+        if (reported == after.end()) {
+            require(!j.surelyKept, "a live pair was not reported");
+            continue;
+        }
+        require(!j.surelyPruned, "a pruned pair was reported");
+        require(speedFits(reported->second.firstSpeedKbps, v.firstSpeed, j.first) &&
+                        speedFits(reported->second.secondSpeedKbps, v.secondSpeed, j.second),
+                "a reported speed is neither the record's in kbps nor 0");
+    }
+    require(after.size() <= before.size() + maps.uids.written().size(),
+            "a pair no map held was reported");
+}
+
+void uidStats(FuzzedDataProvider& input) {
+    static FuzzedMap<uint32_t, StatsValue> netd(maps::kNetdAppUidStats);
+    static FuzzedMap<uint32_t, KovraStatsValue> pur(maps::kUidPurStats);
+    netd.refill(input);
+    pur.refill(input);
+    fuzzCopy(input, netd, bpfGetUidStatsTotal, widened);
+    fuzzCopy(input, pur, bpfGetUidPurStatsTotal);
+    fuzzSingleUid(input, pur);
+}
+
+void freeze(FuzzedDataProvider& input) {
+    static FuzzedMap<uint64_t, AppFreezeSynInfo> syns(maps::kAppFreezeSyn);
+    static FuzzedMap<uint64_t, AppFreezeStatsInfo> stats(maps::kAppFreezeStats);
+    fuzzCopier(input, syns, bpfFetchAppFreezeSyns, true);
+    fuzzCopier(input, stats, bpfFetchAppFreezeStats, true);
+}
+
+void wakeup(FuzzedDataProvider& input) {
+    static FuzzedMap<uint32_t, uint32_t> finDrops(maps::kAppTcpFinDrop);
+    static FuzzedMap<uint32_t, uint64_t> inWakeups(maps::kAppTcpInwakeup);
+    static FuzzedMap<uint32_t, uint64_t> outWakeups(maps::kAppTcpOutwakeup);
+    static FuzzedMap<uint32_t, uint64_t> durations(maps::kAppTcpWakeupduration);
+    static FuzzedMap<uint64_t, uint32_t> inSeq(maps::kSkTcpCookieInSeq);
+    static FuzzedMap<uint64_t, uint32_t> outSeq(maps::kSkTcpCookieOutSeq);
+    static FuzzedMap<uint64_t, uint32_t> outAck(maps::kSkTcpCookieOutAck);
+    static FuzzedMap<uint32_t, uint32_t> check(maps::kOverflowingMapCheck);
+    static const kovra::sandbox::TypedMap screen(maps::kScreenState);
+    static const std::vector<Resettable> resettable = {
+            {1, &inSeq.map(), 8},     {2, &outSeq.map(), 8},      {4, &outAck.map(), 8},
+            {8, &inWakeups.map(), 4}, {16, &outWakeups.map(), 4}, {32, &durations.map(), 4}};
+    fuzzCopier(input, finDrops, bpfGetAppTcpFinDropMap, false);
+    using Counters = std::unordered_map<uint32_t, uint64_t>;
+    const std::pair<FuzzedMap<uint32_t, uint64_t>*, int (*)(Counters&)> counters[] = {
+            {&inWakeups, bpfGetAppTcpInwakeupMap},
+            {&outWakeups, bpfGetAppTcpOutwakeupMap},
+            {&durations, bpfGetAppTcpWakeupdurationMap}};
+    for (const auto& [map, read] : counters) fuzzCopier(input, *map, read, false);
+    for (auto* sequences : {&inSeq, &outSeq, &outAck}) sequences->refill(input);
+    fuzzScreenOn(input, check, resettable);
+}
+
+void speeds(FuzzedDataProvider& input) {
+    static Maps speedMaps;
+    fuzzSocketSpeeds(input, speedMaps);
+    fuzzUidSpeeds(input, speedMaps);
+}
+
+const std::pair<const char*, void (*)(FuzzedDataProvider&)> kFamilies[] = {
+        {"uid_stats", uidStats}, {"freeze", freeze}, {"wakeup", wakeup}, {"speeds", speeds}};
+void (*family)(FuzzedDataProvider&) = nullptr;
+
+}  // namespace
+
+// Runs in a private bpffs, entered once before the first input; a fuzz run needs root.
+extern "C" int LLVMFuzzerInitialize(int*, char***) {
+    const char* name = getenv("KOVRA_FUZZ_FAMILY");
+    for (const auto& [known, run] : kFamilies) {
+        if (name != nullptr && strcmp(name, known) == 0) family = run;
+    }
+    if (family == nullptr) {
+        fprintf(stderr, "fuzzing cannot run: KOVRA_FUZZ_FAMILY must name a family "
+                        "(uid_stats, freeze, wakeup or speeds)\n");
+        exit(1);
+    }
+    const std::string problem = kovra::sandbox::enterPrivateBpffs();
+    if (!problem.empty()) {
+        fprintf(stderr, "fuzzing cannot run: %s\n", problem.c_str());
+        exit(1);
+    }
+    return 0;
+}
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
+    FuzzedDataProvider input(data, size);
+    family(input);
+    return 0;
+}
