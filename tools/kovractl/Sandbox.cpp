@@ -1,14 +1,22 @@
 // kovractl sandbox: a private bpffs holding every map of the catalogue, for trying the services
-// on any Linux machine without the kernel side and without touching the machine's own maps.
+// on any Linux machine without touching the machine's own maps; with --live, the desk's own
+// kernel side fills them from real traffic.
 #include "Sandbox.h"
 
 #include <errno.h>
+#include <net/if.h>
 #include <sched.h>
+#include <signal.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
+#include <sys/ioctl.h>
 #include <sys/mount.h>
+#include <sys/socket.h>
+#include <sys/wait.h>
 #include <unistd.h>
+
+#include <Live.h>
 
 #include "Commands.h"
 #include "Seed.h"
@@ -43,24 +51,87 @@ std::vector<char*> argvOf(std::vector<std::string>& command) {
     return argv;
 }
 
+// A network namespace of the sandbox's own, with its loopback up: the live side's traffic
+// never reaches the machine's network.
+void enterPrivateNetwork() {
+    if (unshare(CLONE_NEWNET) != 0) fail("unshare(CLONE_NEWNET)");
+    const int fd = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+    ifreq ifr{};
+    strncpy(ifr.ifr_name, "lo", IFNAMSIZ - 1);
+    const bool up = fd >= 0 && ioctl(fd, SIOCGIFFLAGS, &ifr) == 0 &&
+                    (ifr.ifr_flags |= IFF_UP, ioctl(fd, SIOCSIFFLAGS, &ifr) == 0);
+    if (fd >= 0) close(fd);
+    if (!up) fail("bringing the loopback up");
+}
+
+pid_t measured = 0;
+
+void forwardSignal(int sig) {
+    if (measured > 0) kill(measured, sig);
+}
+
+// Runs the command in the live side's cgroup and waits for it, so that the sandbox outlives it
+// and takes the programs and the cgroup down afterwards. Returns the command's exit status.
+int runMeasured(const live::LiveSide& live, std::vector<char*>& argv) {
+    measured = fork();
+    if (measured < 0) fail("fork");
+    if (measured == 0) {
+        try {
+            live::joinCgroup(live.cgroup());
+        } catch (const live::LiveError& e) {
+            fprintf(stderr, "kovractl: sandbox: %s\n", e.what());
+            _exit(kExitEnvironment);
+        }
+        execvp(argv[0], argv.data());
+        const int err = errno;
+        fprintf(stderr, "kovractl: sandbox: cannot run %s: %s\n", argv[0], strerror(err));
+        _exit(err == ENOENT ? 127 : 126);
+    }
+    // Like system(): the terminal's interrupt is the command's to handle; a termination is
+    // passed on.
+    signal(SIGINT, SIG_IGN);
+    signal(SIGQUIT, SIG_IGN);
+    signal(SIGTERM, forwardSignal);
+    signal(SIGHUP, forwardSignal);
+    int status = 0;
+    while (waitpid(measured, &status, 0) < 0 && errno == EINTR) {
+    }
+    return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+}
+
 }  // namespace
 
 int runSandbox(const SandboxOptions& options) {
     enterPrivateBpffs();
+    if (options.live) enterPrivateNetwork();
     createCatalogueMaps();
     if (options.seed == "demo") seedDemo(monotonicNowNs());
+    std::unique_ptr<live::LiveSide> live;
+    if (options.live) {
+        try {
+            live = std::make_unique<live::LiveSide>();
+        } catch (const live::LiveError& e) {
+            throw ToolError(kExitEnvironment, std::string("sandbox: ") + e.what());
+        }
+        setenv(live::kCgroupEnv, live->cgroup().c_str(), 1);
+    }
 
     std::vector<std::string> command = options.command;
     if (command.empty()) {
         const char* shell = getenv("SHELL");
         command.push_back(shell != nullptr && *shell != '\0' ? shell : "/bin/sh");
         fprintf(stderr,
-                "kovractl sandbox: private bpffs at %s with %zu maps%s; leave the shell to drop "
+                "kovractl sandbox: private bpffs at %s with %zu maps%s%s; leave the shell to drop "
                 "it\n",
                 kBpffs, android::bpf::kPinnedMaps.size(),
-                options.seed.empty() ? "" : ", demo data seeded");
+                options.seed.empty() ? "" : ", demo data seeded",
+                live ? ", live programs attached to the cgroup of this shell" : "");
     }
     setenv("KOVRA_SANDBOX", "1", 1);
+    if (live) {
+        std::vector<char*> argv = argvOf(command);
+        return runMeasured(*live, argv);
+    }
     // The command replaces this process, so its exit status is the sandbox's.
     std::vector<char*> argv = argvOf(command);
     execvp(argv[0], argv.data());
@@ -79,6 +150,10 @@ void addSandboxCommand(CLI::App& app, Context& ctx) {
             "Exits with COMMAND's status");
     command->add_option("--seed", opts->seed, "Fill the maps with a data set")
             ->check(CLI::IsMember({"demo"}));
+    command->add_flag("--live", opts->live,
+                      "Also a private network namespace and the live kernel side: the project's "
+                      "eBPF programs, attached to a private cgroup that COMMAND runs in, fill the "
+                      "maps from COMMAND's traffic (see docs/live.md)");
     command->add_option("command", opts->command, "The command to run, after --");
     onRun(command, ctx, [opts] { return runSandbox(*opts); });
 }
