@@ -8,6 +8,7 @@ packages=(
     android-libbase-dev android-liblog-dev libfmt-dev
     libgtest-dev libbenchmark-dev
     clang libclang-rt-14-dev valgrind
+    libbpf-dev iproute2 jq
     libcli11-dev nlohmann-json3-dev
     "$@"
 )

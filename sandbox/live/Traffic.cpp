@@ -59,6 +59,13 @@ ino_t namespaceOf(const char* path) {
     return stat(path, &st) == 0 ? st.st_ino : 0;
 }
 
+// Shell words that keep an interface from sending IPv6 neighbour discovery of its own (traffic
+// of no app), where the kernel has IPv6 at all.
+std::string quietIpv6(const std::string& interface) {
+    const std::string knob = "/proc/sys/net/ipv6/conf/" + interface + "/disable_ipv6";
+    return "{ [ ! -e " + knob + " ] || echo 1 > " + knob + "; } && ";
+}
+
 // The far end of the veth pair: a network namespace held by a child that waits to be ended.
 struct VethPeer {
     pid_t holder = -1;
@@ -84,7 +91,8 @@ struct VethPeer {
             const bool ok = unshare(CLONE_NEWNET) == 0;
             if (write(ready[1], &ok, 1) != 1 || !ok || read(configure[0], &go, 1) != 1) _exit(1);
             const std::string setup = "ip link set lo up && ip addr add " + peerAddr +
-                                      "/24 dev " + peer + " && ip link set " + peer + " up";
+                                      "/24 dev " + peer + " && " + quietIpv6(peer) +
+                                      "ip link set " + peer + " up";
             const bool configured = system((setup + " >/dev/null 2>&1").c_str()) == 0;
             if (write(ready[1], &configured, 1) != 1) _exit(1);
             pause();
@@ -98,7 +106,8 @@ struct VethPeer {
         }
         shell("ip link add " + app + " type veth peer name " + peer + " netns " +
               std::to_string(holder));
-        shell("ip addr add " + appAddr + "/24 dev " + app + " && ip link set " + app + " up");
+        shell("ip addr add " + appAddr + "/24 dev " + app + " && " + quietIpv6(app) +
+              "ip link set " + app + " up");
         const char go = 1;
         if (write(configure[1], &go, 1) != 1 || read(ready[0], &ok, 1) != 1 || !ok) {
             throw std::runtime_error("the veth peer could not be configured");

@@ -1,11 +1,13 @@
 // kovra-traffic: the desk's traffic driver, run inside `kovractl sandbox --live`.
 //
-//   kovra-traffic [--json] flow SPEC...   run the flows at once, print what they sent
+//   kovra-traffic [--json FILE] flow SPEC...  run the flows at once, print what they sent as a
+//                                            table, and as JSON into FILE ("-": instead of it)
 //   kovra-traffic freeze UID | thaw UID   mark an app frozen on the desk, or not
 //
 // SPEC: uid=N,peer=N[,proto=tcp|udp][,route=lo|veth][,bytes=N][,chunk=N][,rate=BYTES_PER_S]
 //       [,conns=N][,hold=MS][,keepalive=0|1][,limit=MS]
 // Exit codes: 0 done (a flow's socket error is shown, not fatal), 2 usage, 3 environment.
+#include <errno.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
@@ -19,7 +21,7 @@
 namespace {
 
 constexpr char kUsage[] =
-        "usage: kovra-traffic [--json] flow SPEC...\n"
+        "usage: kovra-traffic [--json FILE|-] flow SPEC...\n"
         "       kovra-traffic freeze UID | thaw UID\n"
         "SPEC: uid=N,peer=N[,proto=tcp|udp][,route=lo|veth][,bytes=N][,chunk=N]"
         "[,rate=BYTES_PER_S][,conns=N][,hold=MS][,keepalive=0|1][,limit=MS]\n";
@@ -38,10 +40,11 @@ int environment(const std::string& problem) {
 
 int main(int argc, char** argv) {
     std::vector<std::string> args(argv + 1, argv + argc);
-    bool asJson = false;
+    std::string jsonFile;
     if (!args.empty() && args[0] == "--json") {
-        asJson = true;
-        args.erase(args.begin());
+        if (args.size() < 2) return usage("--json needs a FILE, or - for standard output");
+        jsonFile = args[1];
+        args.erase(args.begin(), args.begin() + 2);
     }
     if (args.empty()) return usage("no command");
     const char* cgroup = getenv(kovra::live::kCgroupEnv);
@@ -72,8 +75,14 @@ int main(int argc, char** argv) {
     }
     try {
         const auto sent = kovra::traffic::run(flows, cgroup);
-        fputs((asJson ? kovra::traffic::json(flows, sent) : kovra::traffic::table(flows, sent)).c_str(),
-              stdout);
+        if (jsonFile != "-") fputs(kovra::traffic::table(flows, sent).c_str(), stdout);
+        if (jsonFile == "-") fputs(kovra::traffic::json(flows, sent).c_str(), stdout);
+        if (!jsonFile.empty() && jsonFile != "-") {
+            FILE* out = fopen(jsonFile.c_str(), "w");
+            if (out == nullptr) return environment("cannot write " + jsonFile + ": " + strerror(errno));
+            fputs(kovra::traffic::json(flows, sent).c_str(), out);
+            fclose(out);
+        }
     } catch (const std::exception& e) {
         return environment(e.what());
     }
