@@ -1,13 +1,14 @@
 // What the benchmarks share: catalogue maps seeded once per size in the private bpffs, and the
 // floors every service is measured against. The floors run the same kernel commands the library
-// could at best: the raw loop is the library's own algorithm (one key step and one lookup per
+// could at best, through libbpf's one-call wrappers: the raw loop is the library's own algorithm (one key step and one lookup per
 // entry) with nothing around the system calls; the batch read is the kernel's fastest way to hand
 // over a whole map. Both land in the same kind of table the service fills.
 #pragma once
 
+#include <bpf/bpf.h>
+#include <errno.h>
 #include <stdint.h>
 #include <string.h>
-#include <sys/syscall.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -18,12 +19,12 @@
 
 #include <benchmark/benchmark.h>
 
-#include "Bpffs.h"
+#include <kovrasandbox/Maps.h>
 
 namespace kovra::bench {
 
 using android::bpf::PinnedMap;
-using test::RawMap;
+using sandbox::RawMap;
 
 // Set when a benchmark finds its service or a floor misbehaving; the run then exits non-zero, so
 // that a short run of every benchmark can stand as a test that they still measure what they say.
@@ -36,14 +37,6 @@ inline void fail(benchmark::State& state, const char* why) {
 
 // The map sizes the walking benchmarks run at.
 inline constexpr int64_t kSizes[] = {1 << 10, 10 << 10, 64 << 10};
-
-inline long bpf(int cmd, bpf_attr& attr) {
-    return syscall(__NR_bpf, cmd, &attr, sizeof(attr));
-}
-
-inline uint64_t ptr(const void* p) {
-    return reinterpret_cast<uintptr_t>(p);
-}
 
 // The i-th key of a seeded map: UID-like numbers, whatever the key's width.
 template <typename K>
@@ -74,12 +67,11 @@ void fill(const RawMap& map, int64_t n, V (*make)(const K&)) {
         keys[i] = keyAt<K>(static_cast<uint32_t>(i));
         values[i] = make(keys[i]);
     }
-    bpf_attr attr{};
-    attr.batch.map_fd = static_cast<uint32_t>(map.fd());
-    attr.batch.keys = ptr(keys.data());
-    attr.batch.values = ptr(values.data());
-    attr.batch.count = static_cast<uint32_t>(n);
-    if (bpf(BPF_MAP_UPDATE_BATCH, attr) != 0 || attr.batch.count != n) abort();
+    uint32_t count = static_cast<uint32_t>(n);
+    if (bpf_map_update_batch(map.fd(), keys.data(), values.data(), &count, nullptr) != 0 ||
+        count != n) {
+        abort();
+    }
 }
 
 // The catalogue map `map` pinned with max_entries n and holding n entries. The map is kept for
@@ -103,26 +95,8 @@ const RawMap& seeded(const PinnedMap<K, V>& map, int64_t n, V (*make)(const K&))
 
 // Opens a pinned map, as the floors do on every pass.
 inline int openPinned(const char* path, uint32_t fileFlags) {
-    bpf_attr attr{};
-    attr.pathname = ptr(path);
-    attr.file_flags = fileFlags;
-    return static_cast<int>(bpf(BPF_OBJ_GET, attr));
-}
-
-inline long getNextKey(int fd, const void* key, void* next) {
-    bpf_attr attr{};
-    attr.map_fd = static_cast<uint32_t>(fd);
-    attr.key = ptr(key);
-    attr.next_key = ptr(next);
-    return bpf(BPF_MAP_GET_NEXT_KEY, attr);
-}
-
-inline long lookup(int fd, const void* key, void* value) {
-    bpf_attr attr{};
-    attr.map_fd = static_cast<uint32_t>(fd);
-    attr.key = ptr(key);
-    attr.value = ptr(value);
-    return bpf(BPF_MAP_LOOKUP_ELEM, attr);
+    LIBBPF_OPTS(bpf_obj_get_opts, opts, .file_flags = fileFlags);
+    return bpf_obj_get_opts(path, &opts);
 }
 
 // The library's walk with nothing around the system calls: key after key, one lookup each,
@@ -131,10 +105,10 @@ template <typename K, typename V, typename Store>
 [[gnu::noinline]] void rawWalk(int fd, Store store) {
     K key, next;
     V value;
-    if (getNextKey(fd, nullptr, &key) != 0) return;
+    if (bpf_map_get_next_key(fd, nullptr, &key) != 0) return;
     while (true) {
-        const bool more = getNextKey(fd, &key, &next) == 0;
-        if (lookup(fd, &key, &value) != 0) abort();
+        const bool more = bpf_map_get_next_key(fd, &key, &next) == 0;
+        if (bpf_map_lookup_elem(fd, &key, &value) != 0) abort();
         store(key, value);
         if (!more) return;
         key = next;
@@ -145,11 +119,8 @@ template <typename K, typename V, typename Store>
 template <typename K>
 [[gnu::noinline]] void rawClear(int fd) {
     K key;
-    while (getNextKey(fd, nullptr, &key) == 0) {
-        bpf_attr attr{};
-        attr.map_fd = static_cast<uint32_t>(fd);
-        attr.key = ptr(&key);
-        if (bpf(BPF_MAP_DELETE_ELEM, attr) != 0) abort();
+    while (bpf_map_get_next_key(fd, nullptr, &key) == 0) {
+        if (bpf_map_delete_elem(fd, &key) != 0) abort();
     }
 }
 
@@ -157,19 +128,16 @@ template <typename K>
 // BPF_MAP_LOOKUP_AND_DELETE_BATCH to empty the map on the way.
 template <typename K, typename V, typename Store>
 void batchRead(int fd, int command, std::vector<K>& keys, std::vector<V>& values, Store store) {
+    const auto read =
+            command == BPF_MAP_LOOKUP_BATCH ? bpf_map_lookup_batch : bpf_map_lookup_and_delete_batch;
     uint64_t token = 0;
     bool first = true;
     while (true) {
-        bpf_attr attr{};
-        attr.batch.map_fd = static_cast<uint32_t>(fd);
-        attr.batch.in_batch = first ? 0 : ptr(&token);
-        attr.batch.out_batch = ptr(&token);
-        attr.batch.keys = ptr(keys.data());
-        attr.batch.values = ptr(values.data());
-        attr.batch.count = static_cast<uint32_t>(keys.size());
-        const long rv = bpf(command, attr);
+        uint32_t count = static_cast<uint32_t>(keys.size());
+        const int rv = read(fd, first ? nullptr : &token, &token, keys.data(), values.data(),
+                            &count, nullptr);
         if (rv != 0 && errno != ENOENT) abort();
-        for (uint32_t i = 0; i < attr.batch.count; ++i) store(keys[i], values[i]);
+        for (uint32_t i = 0; i < count; ++i) store(keys[i], values[i]);
         if (rv != 0) return;
         first = false;
     }

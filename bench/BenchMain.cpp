@@ -3,9 +3,9 @@
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
-#include <sys/stat.h>
 
 #include <benchmark/benchmark.h>
+#include <kovrasandbox/Bpffs.h>
 
 #include "Bench.h"
 
@@ -15,14 +15,12 @@ void registerOpenAndClearBenchmarks();
 }  // namespace kovra::bench
 
 int main(int argc, char** argv) {
-    const std::string problem = kovra::test::enterPrivateBpffs();
+    const std::string problem = kovra::sandbox::enterPrivateBpffs();
     if (!problem.empty()) {
         fprintf(stderr, "benchmarks cannot run: %s\n", problem.c_str());
         const char* ci = getenv("CI");
         return ci != nullptr && strcmp(ci, "true") == 0 ? 1 : 77;
     }
-    // The platform's statistics map lives one folder down.
-    mkdir("/sys/fs/bpf/netd_shared", 0700);
     kovra::bench::registerWalkBenchmarks();
     kovra::bench::registerOpenAndClearBenchmarks();
     benchmark::Initialize(&argc, argv);

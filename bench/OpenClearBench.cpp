@@ -16,11 +16,8 @@ constexpr int64_t kSingleEntryMapSize = 1 << 10;
 // One info query as the handle makes it: a fresh 88-byte reply buffer, one word read.
 uint32_t infoWord(int fd, size_t offset) {
     alignas(8) uint8_t info[88] = {};
-    bpf_attr attr{};
-    attr.info.bpf_fd = static_cast<uint32_t>(fd);
-    attr.info.info_len = sizeof(info);
-    attr.info.info = ptr(info);
-    if (bpf(BPF_OBJ_GET_INFO_BY_FD, attr) != 0) abort();
+    uint32_t size = sizeof(info);
+    if (bpf_obj_get_info_by_fd(fd, info, &size) != 0) abort();
     uint32_t word;
     memcpy(&word, info + offset, sizeof(word));
     return word;

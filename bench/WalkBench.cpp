@@ -1,6 +1,6 @@
 // Every walking service beside its two floors, over the same seeded map at every size:
 //   <service>/service/<n>   the library's service;
-//   <service>/raw/<n>       the same algorithm in raw bpf(2) into the same kind of table;
+//   <service>/raw/<n>       the same algorithm in bare bpf commands into the same kind of table;
 //   <service>/batch/<n>     the kernel's batched read into the same kind of table.
 // A service that empties its map (a harvest) is refilled outside the timed region, and its
 // floors empty the map the same way the service does: key by key, or in the batch itself.

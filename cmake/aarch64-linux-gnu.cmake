@@ -20,3 +20,6 @@ set(CMAKE_CXX_COMPILER aarch64-linux-gnu-g++)
 # CMake would also derive this from the compiler's link directories; stating
 # it keeps the arm64 search paths from depending on that detection.
 set(CMAKE_LIBRARY_ARCHITECTURE aarch64-linux-gnu)
+
+# pkg-config (libbpf, libnl-route for the desk's kernel side) reads the arm64 copies' files.
+set(ENV{PKG_CONFIG_LIBDIR} /usr/lib/aarch64-linux-gnu/pkgconfig:/usr/share/pkgconfig)

@@ -10,8 +10,8 @@
 #include <unordered_map>
 
 #include <fuzzer/FuzzedDataProvider.h>
-
-#include "Bpffs.h"
+#include <kovrasandbox/Bpffs.h>
+#include <kovrasandbox/Maps.h>
 
 namespace kovra::fuzz {
 
@@ -44,9 +44,9 @@ uint64_t widen(const K& key) {
 // Runs `call`, requiring that it leaves the number of open descriptors as it found it.
 template <typename F>
 auto withoutLeak(F&& call) {
-    const int before = test::openFdCount();
+    const int before = sandbox::openFdCount();
     auto result = call();
-    require(before == test::openFdCount(), "a descriptor leaked");
+    require(before == sandbox::openFdCount(), "a descriptor leaked");
     return result;
 }
 
@@ -77,10 +77,10 @@ class FuzzedMap {
     }
 
     const std::unordered_map<uint64_t, V>& written() const { return mWritten; }
-    const test::TestMap<K, V>& map() const { return mMap; }
+    const sandbox::TypedMap<K, V>& map() const { return mMap; }
 
   private:
-    test::TestMap<K, V> mMap;
+    sandbox::TypedMap<K, V> mMap;
     std::unordered_map<uint64_t, V> mWritten;
 };
 
@@ -109,14 +109,14 @@ void requireCopied(const Table& after, const Table& before,
                    const std::unordered_map<uint64_t, V>& written, Expected expected) {
     size_t added = 0;
     for (const auto& [key, value] : before) {
-        require(test::sameBytes(value, after.at(key)), "a caller's entry was overwritten");
+        require(sandbox::sameBytes(value, after.at(key)), "a caller's entry was overwritten");
     }
     for (const auto& [key, value] : written) {
         const auto tableKey = static_cast<typename Table::key_type>(key);
         if (before.count(tableKey)) continue;
         ++added;
         require(after.count(tableKey) == 1, "a map entry is missing");
-        require(test::sameBytes(expected(value), after.at(tableKey)),
+        require(sandbox::sameBytes(expected(value), after.at(tableKey)),
                 "a record changed on the way");
     }
     require(after.size() == before.size() + added, "the table holds entries no map held");

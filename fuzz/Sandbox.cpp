@@ -2,17 +2,14 @@
 // needs root.
 #include <stdio.h>
 #include <stdlib.h>
-#include <sys/stat.h>
 
-#include "Bpffs.h"
+#include <kovrasandbox/Bpffs.h>
 
 extern "C" int LLVMFuzzerInitialize(int*, char***) {
-    const std::string problem = kovra::test::enterPrivateBpffs();
+    const std::string problem = kovra::sandbox::enterPrivateBpffs();
     if (!problem.empty()) {
         fprintf(stderr, "fuzzing cannot run: %s\n", problem.c_str());
         exit(1);
     }
-    // The platform's statistics map lives one folder down.
-    mkdir("/sys/fs/bpf/netd_shared", 0700);
     return 0;
 }

@@ -21,7 +21,7 @@ void fuzzReader(FuzzedDataProvider& input, FuzzedMap<uint32_t, V>& map,
 // The maps a non-zero screen state may reset, by the overflow flag that names them.
 struct Resettable {
     uint32_t bit;
-    const kovra::test::RawMap* map;
+    const kovra::sandbox::RawMap* map;
     size_t keySize;
 };
 
@@ -69,7 +69,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     static FuzzedMap<uint64_t, uint32_t> outSeq(maps::kSkTcpCookieOutSeq);
     static FuzzedMap<uint64_t, uint32_t> outAck(maps::kSkTcpCookieOutAck);
     static FuzzedMap<uint32_t, uint32_t> check(maps::kOverflowingMapCheck);
-    static kovra::test::TestMap screen(maps::kScreenState);
+    static const kovra::sandbox::TypedMap screen(maps::kScreenState);
     static const std::vector<Resettable> resettable = {
             {1, &inSeq.map(), 8},     {2, &outSeq.map(), 8},      {4, &outAck.map(), 8},
             {8, &inWakeups.map(), 4}, {16, &outWakeups.map(), 4}, {32, &durations.map(), 4}};

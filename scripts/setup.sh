@@ -10,6 +10,7 @@ packages=(
     clang libclang-rt-14-dev valgrind
     libbpf-dev iproute2 jq
     libcli11-dev nlohmann-json3-dev
+    libbpf-dev libnl-route-3-dev
     "$@"
 )
 

@@ -34,7 +34,9 @@ fi
 missing=()
 for pkg in cmake make cpio qemu-system-arm g++-$triplet \
            android-libbase-dev:arm64 android-liblog-dev:arm64 \
-           libfmt-dev:arm64 libgtest-dev:arm64; do
+           libfmt-dev:arm64 libgtest-dev:arm64 \
+           libbpf-dev:arm64 libnl-route-3-dev:arm64 \
+           pkg-config; do
     [[ $(dpkg-query -W -f='${db:Status-Status}' "$pkg" 2>/dev/null) == installed ]] ||
         missing+=("$pkg")
 done

@@ -16,6 +16,9 @@ namespace kovra::live {
 inline constexpr char kFrozenUidsPath[] = "/sys/fs/bpf/kovra_desk/live_frozen_uids";
 // Set for the processes of a live sandbox: the sub-cgroup whose traffic is measured.
 inline constexpr char kCgroupEnv[] = "KOVRA_LIVE_CGROUP";
+// Set likewise: the inode of the sandbox's own network namespace, the only one the traffic
+// driver sends in.
+inline constexpr char kNetnsEnv[] = "KOVRA_LIVE_NETNS";
 
 // Why the live side could not start or be used; `cannotAttach` when the kernel refuses cgroup
 // programs altogether.

@@ -24,6 +24,8 @@
 #include <sstream>
 #include <stdexcept>
 
+#include <kovrasandbox/Netns.h>
+
 #include "Live.h"
 
 namespace kovra::traffic {
@@ -48,28 +50,38 @@ int remainingMs(uint64_t deadline) {
     return now >= deadline ? 0 : static_cast<int>((deadline - now) / 1000000 + 1);
 }
 
-void shell(const std::string& command) {
-    if (system((command + " >/dev/null 2>&1").c_str()) != 0) {
-        throw std::runtime_error("the network could not be prepared: `" + command + "` failed");
-    }
-}
-
 ino_t namespaceOf(const char* path) {
     struct stat st;
     return stat(path, &st) == 0 ? st.st_ino : 0;
 }
 
-// Shell words that keep an interface from sending IPv6 neighbour discovery of its own (traffic
-// of no app), where the kernel has IPv6 at all.
-std::string quietIpv6(const std::string& interface) {
+// Keeps an interface from sending IPv6 neighbour discovery of its own (traffic of no app), where
+// the kernel has IPv6 at all.
+void quietIpv6(const std::string& interface) {
     const std::string knob = "/proc/sys/net/ipv6/conf/" + interface + "/disable_ipv6";
-    return "{ [ ! -e " + knob + " ] || echo 1 > " + knob + "; } && ";
+    if (FILE* file = fopen(knob.c_str(), "w")) {
+        fputs("1", file);
+        fclose(file);
+    }
+}
+
+void check(const std::string& problem) {
+    if (!problem.empty()) throw std::runtime_error("the network could not be prepared: " + problem);
+}
+
+// Gives the named interface an address and brings it up.
+void configure(const std::string& name, const std::string& address) {
+    const unsigned ifindex = if_nametoindex(name.c_str());
+    if (ifindex == 0) check("no interface " + name);
+    quietIpv6(name);
+    check(sandbox::addIpv4(ifindex, address.c_str(), 24));
+    check(sandbox::setLinkUp(ifindex));
 }
 
 // The far end of the veth pair: a network namespace held by a child that waits to be ended.
 struct VethPeer {
     pid_t holder = -1;
-    std::string app;     // the app side's interface, in the driver's namespace
+    std::string app;  // the app side's interface, in the driver's namespace
     std::string appAddr;
     std::string peerAddr;
 
@@ -81,39 +93,46 @@ struct VethPeer {
         const std::string peer = "kvp" + std::to_string(pid);
         appAddr = subnet + "1";
         peerAddr = subnet + "2";
-        int ready[2], configure[2];
-        if (pipe2(ready, O_CLOEXEC) != 0 || pipe2(configure, O_CLOEXEC) != 0) {
+        int ready[2], go[2];
+        if (pipe2(ready, O_CLOEXEC) != 0 || pipe2(go, O_CLOEXEC) != 0) {
             throw std::runtime_error(std::string("pipe: ") + strerror(errno));
         }
         holder = fork();
         if (holder == 0) {
-            char go = 0;
-            const bool ok = unshare(CLONE_NEWNET) == 0;
-            if (write(ready[1], &ok, 1) != 1 || !ok || read(configure[0], &go, 1) != 1) _exit(1);
-            const std::string setup = "ip link set lo up && ip addr add " + peerAddr +
-                                      "/24 dev " + peer + " && " + quietIpv6(peer) +
-                                      "ip link set " + peer + " up";
-            const bool configured = system((setup + " >/dev/null 2>&1").c_str()) == 0;
-            if (write(ready[1], &configured, 1) != 1) _exit(1);
+            // Once the parent has moved the peer in: its address, and lo and the peer up.
+            char byte = 0;
+            bool ok = unshare(CLONE_NEWNET) == 0;
+            if (write(ready[1], &ok, 1) != 1 || !ok || read(go[0], &byte, 1) != 1) _exit(1);
+            try {
+                configure(peer, peerAddr);
+                check(sandbox::setLinkUp(if_nametoindex("lo")));
+            } catch (const std::exception&) {
+                ok = false;
+            }
+            if (write(ready[1], &ok, 1) != 1) _exit(1);
             pause();
             _exit(0);
         }
         close(ready[1]);
-        close(configure[0]);
+        close(go[0]);
         bool ok = false;
         if (holder < 0 || read(ready[0], &ok, 1) != 1 || !ok) {
             throw std::runtime_error("the veth peer's network namespace could not be made");
         }
-        shell("ip link add " + app + " type veth peer name " + peer + " netns " +
-              std::to_string(holder));
-        shell("ip addr add " + appAddr + "/24 dev " + app + " && " + quietIpv6(app) +
-              "ip link set " + app + " up");
-        const char go = 1;
-        if (write(configure[1], &go, 1) != 1 || read(ready[0], &ok, 1) != 1 || !ok) {
+        check(sandbox::createVethPair(app.c_str(), peer.c_str()));
+        const std::string ns = "/proc/" + std::to_string(holder) + "/ns/net";
+        const int nsFd = open(ns.c_str(), O_RDONLY | O_CLOEXEC);
+        if (nsFd < 0) check("opening " + ns + ": " + strerror(errno));
+        const std::string moved = sandbox::moveToNetns(if_nametoindex(peer.c_str()), nsFd);
+        close(nsFd);
+        check(moved);
+        configure(app, appAddr);
+        const char byte = 1;
+        if (write(go[1], &byte, 1) != 1 || read(ready[0], &ok, 1) != 1 || !ok) {
             throw std::runtime_error("the veth peer could not be configured");
         }
         close(ready[0]);
-        close(configure[1]);
+        close(go[1]);
     }
 
     // Enters the peer's namespace (in a receiving child).
@@ -132,14 +151,18 @@ struct VethPeer {
     }
 };
 
-// Refuses the machine's own network namespace, and brings the loopback up.
+// Refuses any network namespace but the live sandbox's (or, outside one, the machine's own, where
+// that can be told), and brings the loopback up.
 void prepareNetwork() {
-    if (namespaceOf("/proc/self/ns/net") == namespaceOf("/proc/1/ns/net")) {
+    const ino_t own = namespaceOf("/proc/self/ns/net");
+    const char* sandboxed = getenv(live::kNetnsEnv);
+    if (own == 0 || own == namespaceOf("/proc/1/ns/net") ||
+        (sandboxed != nullptr && std::to_string(own) != sandboxed)) {
         throw std::runtime_error(
                 "refusing to send traffic in the machine's own network namespace; run inside "
                 "`kovractl sandbox --live`");
     }
-    shell("ip link set lo up");
+    check(sandbox::setLinkUp(if_nametoindex("lo")));
 }
 
 void dropTo(uint32_t uid) {

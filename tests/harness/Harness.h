@@ -2,8 +2,8 @@
 //
 // Each test process enters a mount namespace of its own and mounts a private bpffs at
 // /sys/fs/bpf, so maps are created and pinned at their real paths without touching the
-// machine's own. Maps are created and read back with raw bpf(2), independently of the library
-// (Bpffs.h, shared with the benchmarks and fuzz targets).
+// machine's own. Maps are created and read back through the desk's kernel side (sandbox/, over
+// libbpf), independently of the library.
 // The test executable interposes three C functions the library calls:
 //   syscall               counts bpf commands and can fail or rewrite any of them;
 //   __android_log_print   captures every log line (priority, tag or null tag, text);
@@ -26,9 +26,28 @@
 
 #include <gtest/gtest.h>
 
-#include "Bpffs.h"
+#include <kovrasandbox/Bpffs.h>
+#include <kovrasandbox/Maps.h>
 
 namespace kovra::test {
+
+// ---- Maps ----
+
+using android::bpf::PinnedMap;
+using sandbox::openFdCount;
+using sandbox::RawMap;
+using sandbox::sameBytes;
+
+// A catalogue map created and pinned for a test (sandbox::TypedMap).
+template <typename K, typename V>
+class TestMap : public sandbox::TypedMap<K, V> {
+  public:
+    using sandbox::TypedMap<K, V>::TypedMap;
+};
+template <typename K, typename V>
+TestMap(const PinnedMap<K, V>&) -> TestMap<K, V>;
+template <typename K, typename V>
+TestMap(const PinnedMap<K, V>&, uint32_t) -> TestMap<K, V>;
 
 // ---- Log capture ----
 
@@ -51,6 +70,9 @@ inline LogLine untaggedError(std::string text) { return {6, std::nullopt, std::m
 std::vector<LogLine> takeLogs();
 
 // ---- bpf(2) interposition ----
+
+// The real bpf system call, past the executable's interposed syscall().
+long realBpf(int cmd, void* attr, unsigned size);
 
 // Called for every bpf command the library (or the test) issues through syscall(). `nth` counts
 // this command from 1 since the hook was set (setting one restarts every count). Returning a value replaces the system
@@ -84,9 +106,8 @@ auto noLeak(F&& call) {
 
 // ---- Fixture ----
 
-// Enters the private bpffs once per process, empties it before every test (keeping the
-// netd_shared folder the platform map lives in) and resets the interposers. Without the
-// privileges a test skips, unless CI=true, where it fails: CI must run these tests.
+// Enters the private bpffs once per process, empties it before every test and resets the
+// interposers. Without the privileges a test skips, unless CI=true, where it fails: CI must run these tests.
 class KernelTest : public ::testing::Test {
   protected:
     void SetUp() override;

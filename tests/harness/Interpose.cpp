@@ -1,7 +1,10 @@
 // The test executable's own definitions of syscall, __android_log_print and uname. The library
 // reaches these C functions through the dynamic linker, which finds the executable's first;
 // each forwards to the next definition (libc's or a sanitizer's) unless a test says otherwise.
+// The tests' own map work goes through libbpf, whose bpf commands pass untouched and uncounted.
+#include <bpf/bpf.h>
 #include <dlfcn.h>
+#include <link.h>
 #include <errno.h>
 #include <stdarg.h>
 #include <stdio.h>
@@ -45,6 +48,34 @@ struct State {
 State& state() {
     static State* s = new State;  // never destroyed: atexit handlers may still log
     return *s;
+}
+
+// libbpf's code: the loaded segment that holds bpf_map_create.
+struct Span {
+    uintptr_t begin = 0, end = 0;
+};
+Span libbpfCode() {
+    Span span;
+    dl_iterate_phdr(
+            [](dl_phdr_info* object, size_t, void* data) {
+                const auto probe = reinterpret_cast<uintptr_t>(&bpf_map_create);
+                for (int i = 0; i < object->dlpi_phnum; ++i) {
+                    const ElfW(Phdr)& segment = object->dlpi_phdr[i];
+                    const uintptr_t begin = object->dlpi_addr + segment.p_vaddr;
+                    if (segment.p_type == PT_LOAD && probe >= begin &&
+                        probe < begin + segment.p_memsz) {
+                        *static_cast<Span*>(data) = {begin, begin + segment.p_memsz};
+                    }
+                }
+                return 0;
+            },
+            &span);
+    return span;
+}
+
+bool inLibbpf(uintptr_t caller) {
+    static const Span code = libbpfCode();
+    return caller >= code.begin && caller < code.end;
 }
 
 }  // namespace
@@ -101,6 +132,11 @@ void setUnameRelease(std::optional<std::string> release, bool fail) {
     state().unameFails = fail;
 }
 
+long realBpf(int cmd, void* attr, unsigned size) {
+    static const SyscallFn real = next<SyscallFn>("syscall");
+    return real(SYS_bpf, cmd, attr, size);
+}
+
 }  // namespace kovra::test
 
 using namespace kovra::test;
@@ -115,7 +151,7 @@ extern "C" long syscall(long number, ...) {
     for (long& arg : a) arg = va_arg(ap, long);
     va_end(ap);
 
-    if (number == SYS_bpf) {
+    if (number == SYS_bpf && !inLibbpf(reinterpret_cast<uintptr_t>(__builtin_return_address(0)))) {
         BpfHook hook;
         int nth;
         {

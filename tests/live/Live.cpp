@@ -1,16 +1,17 @@
 #include "Live.h"
 
-#include <sched.h>
-
 #include <bpf/bpf.h>
+
+#include <kovrasandbox/Netns.h>
 
 namespace kovra::test {
 
 void LiveTest::SetUp() {
     KernelTest::SetUp();
     if (IsSkipped() || HasFatalFailure()) return;
-    static const bool ownNetwork = unshare(CLONE_NEWNET) == 0;
-    ASSERT_TRUE(ownNetwork) << "unshare(CLONE_NEWNET): " << strerror(errno);
+    static sandbox::PrivateNetwork network;
+    static const std::string problem = sandbox::enterPrivateNetwork(network);
+    ASSERT_EQ("", problem);
     using android::bpf::maps::kSkTcpCookieInSeq;
     using android::bpf::maps::kSkTcpCookieOutAck;
     using android::bpf::maps::kSkTcpCookieOutSeq;

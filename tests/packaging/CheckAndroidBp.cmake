@@ -1,10 +1,11 @@
-# Checks that Android.bp builds the same sources as CMake: the library, kovractl and the tests.
+# Checks that Android.bp builds the same sources as CMake: the library, the desk's kernel side,
+# kovractl and the tests.
 #   cmake -DLISTS=<build>/kovra-source-lists.cmake -DROOT=<repo> -DBUILD=<build> -P CheckAndroidBp.cmake
 # Sources under a host/ folder are host-only stand-ins for platform libraries and stay out of
 # the device build, and so do the files CMake generates in the build tree.
 cmake_minimum_required(VERSION 3.18)
 
-set(modules library=libkovrabpf kovractl=kovractl tests=libkovrabpf_tests)
+set(modules library=libkovrabpf sandbox=libkovra_sandbox kovractl=kovractl tests=libkovrabpf_tests)
 
 function(kovra_sources group dir sources)
     foreach(source ${sources})

@@ -64,11 +64,11 @@ Snapshot snapshotMaps() {
     Snapshot snapshot;
     for (const PinnedMapInfo& row : kPinnedMaps) {
         auto& entries = snapshot[row.path];
-        std::optional<tool::RawMap> map = tool::RawMap::open(row.path, true);
+        std::optional<RawMap> map = RawMap::open(row.path, true);
         if (!map) continue;
-        for (const auto& key : map->keys(row.keySize)) {
+        for (const auto& key : map->rawKeys(row.keySize)) {
             std::vector<uint8_t> value(row.valueSize);
-            if (map->get(key.data(), value.data())) entries[key] = value;
+            if (map->getRaw(key.data(), value.data())) entries[key] = value;
         }
     }
     return snapshot;
@@ -77,8 +77,8 @@ Snapshot snapshotMaps() {
 void KovractlTest::SetUp() {
     KernelTest::SetUp();
     if (IsSkipped() || HasFailure()) return;
-    tool::createCatalogueMaps();
-    tool::seedDemo(tool::monotonicNowNs());
+    sandbox::createCatalogueMaps();
+    sandbox::seedDemo();
 }
 
 std::vector<std::vector<std::string>> tableRows(const std::string& out) {

@@ -8,9 +8,9 @@
 
 #include <nlohmann/json.hpp>
 
+#include <kovrasandbox/Seed.h>
+
 #include "Harness.h"
-#include "Pinned.h"
-#include "Seed.h"
 
 namespace kovra::test {
 

@@ -6,14 +6,14 @@ namespace kovra::test {
 namespace {
 
 using namespace android::bpf;
-using tool::KernelMap;
+using sandbox::openMap;
 
 bool contains(const std::string& text, const std::string& part) {
     return text.find(part) != std::string::npos;
 }
 
 TEST_F(KovractlTest, FreezeHarvestsOnceAndWritesItsConfiguration) {
-    KernelMap syns(maps::kAppFreezeSyn);
+    auto syns = openMap(maps::kAppFreezeSyn);
     const auto records = syns.entries();
     ASSERT_FALSE(records.empty());
     Outcome run = kovractl({"--json", "freeze", "syns"});
@@ -31,7 +31,7 @@ TEST_F(KovractlTest, FreezeHarvestsOnceAndWritesItsConfiguration) {
     EXPECT_EQ((std::vector<std::vector<std::string>>{{"KEY", "DATA0", "DATA1"}, {"0", "records"}}),
               tableRows(run.out));
 
-    const auto stats = KernelMap(maps::kAppFreezeStats).entries();
+    const auto stats = openMap(maps::kAppFreezeStats).entries();
     run = kovractl({"freeze", "stats"});
     ASSERT_EQ(0, run.exitCode) << run;
     auto table = tableRows(run.out);
@@ -42,7 +42,7 @@ TEST_F(KovractlTest, FreezeHarvestsOnceAndWritesItsConfiguration) {
         EXPECT_NE(table.end(), std::find(table.begin(), table.end(), row)) << key;
     }
 
-    KernelMap config(maps::kAppFreezeConfig);
+    auto config = openMap(maps::kAppFreezeConfig);
     run = kovractl({"freeze", "config", "get", "--json"});
     ASSERT_EQ(0, run.exitCode) << run;
     EXPECT_EQ(nlohmann::json::parse(R"({"word0":1,"word1":30,"word2":600})"), jsonOf(run));
@@ -112,13 +112,13 @@ TEST_F(KovractlTest, WakeupShowsCountersAndScreenChangesResetWhatIsFlagged) {
 
     run = kovractl({"wakeup", "hb-len", "10044", "240"});
     ASSERT_EQ(0, run.exitCode) << run;
-    KernelMap heartbeats(maps::kImAppHbLen);
+    auto heartbeats = openMap(maps::kImAppHbLen);
     EXPECT_EQ(240u, heartbeats.get(10044));
 
     // Screen on: flags 1 and 8 reset the inbound sequence and wake-up maps, once, with a line
     // that has no tag (so liblog prints the program's name); value 2 and key 64 stay.
-    KernelMap screen(maps::kScreenState);
-    KernelMap flags(maps::kOverflowingMapCheck);
+    auto screen = openMap(maps::kScreenState);
+    auto flags = openMap(maps::kOverflowingMapCheck);
     run = kovractl({"screen", "on", "1234"});
     ASSERT_EQ(0, run.exitCode) << run;
     EXPECT_EQ("screen on at stamp 1234: ok\n", run.out);
@@ -126,9 +126,9 @@ TEST_F(KovractlTest, WakeupShowsCountersAndScreenChangesResetWhatIsFlagged) {
     EXPECT_TRUE(contains(run.err, "[BpfWakeupDetector] clear overflowing map:9")) << run;
     EXPECT_EQ(2u, screen.get(1));
     EXPECT_EQ(1234u, screen.get(3));
-    EXPECT_EQ(0u, KernelMap(maps::kSkTcpCookieInSeq).size());
-    EXPECT_EQ(0u, KernelMap(maps::kAppTcpInwakeup).size());
-    EXPECT_NE(0u, KernelMap(maps::kSkTcpCookieOutSeq).size());
+    EXPECT_EQ(0u, openMap(maps::kSkTcpCookieInSeq).size());
+    EXPECT_EQ(0u, openMap(maps::kAppTcpInwakeup).size());
+    EXPECT_NE(0u, openMap(maps::kSkTcpCookieOutSeq).size());
     EXPECT_EQ((std::vector<std::optional<uint32_t>>{0, 2, 0, 1}),
               (std::vector<std::optional<uint32_t>>{flags.get(1), flags.get(2), flags.get(8),
                                                     flags.get(64)}));
@@ -146,8 +146,8 @@ TEST_F(KovractlTest, WakeupShowsCountersAndScreenChangesResetWhatIsFlagged) {
 // The demo data set's sockets and pairs (tools/kovractl/Seed.cpp): fresh ones are under a second
 // old, stale ones minutes old, so a 30 s threshold tells them apart with room to spare.
 TEST_F(KovractlTest, SpeedsReportPruneAndWipeInterfaces) {
-    KernelMap sockets(maps::kAppSocketSpeeds);
-    KernelMap info(maps::kAppSocketInfo);
+    auto sockets = openMap(maps::kAppSocketSpeeds);
+    auto info = openMap(maps::kAppSocketInfo);
     ASSERT_EQ(8u, sockets.size());
 
     // 40962 is under the floor, 40964 and 40965 are stale (pruned), 40967 talks to 127.0.0.9
@@ -183,11 +183,11 @@ TEST_F(KovractlTest, SpeedsReportPruneAndWipeInterfaces) {
                                                    {"10058", "21", "0", "250"},
                                                    {"4", "pairs"}}),
             tableRows(run.out));
-    KernelMap pairs(maps::kAppUidSpeeds);
+    auto pairs = openMap(maps::kAppUidSpeeds);
     EXPECT_EQ(4u, pairs.size()) << "the two stale pairs are pruned";
 
     // Taking interface 22 out wipes its sockets, pairs and socket information, then its entry.
-    KernelMap measured(maps::kAppSocketSpeedsIfindex);
+    auto measured = openMap(maps::kAppSocketSpeedsIfindex);
     run = kovractl({"speeds", "iface", "22", "off"});
     ASSERT_EQ(0, run.exitCode) << run;
     for (const auto& [cookie, value] : sockets.entries()) EXPECT_NE(22u, value.ifindex) << cookie;
@@ -204,7 +204,7 @@ TEST_F(KovractlTest, SpeedsReportPruneAndWipeInterfaces) {
     EXPECT_TRUE(sameBytes(IfIndexSpeedConfig{1, 1}, *measured.get(5)));
     run = kovractl({"speeds", "config", "7"});
     ASSERT_EQ(0, run.exitCode) << run;
-    EXPECT_EQ(7u, KernelMap(maps::kAppSocketSpeedsConfig).get(0));
+    EXPECT_EQ(7u, openMap(maps::kAppSocketSpeedsConfig).get(0));
 
     // On its own, outside a socket report, the subnet test has no interface context.
     run = kovractl({"speeds", "local", "40967"});
@@ -213,8 +213,8 @@ TEST_F(KovractlTest, SpeedsReportPruneAndWipeInterfaces) {
 }
 
 TEST_F(KovractlTest, NetBlocksAndUnblocksWithTheServicesStatus) {
-    KernelMap disconnect(maps::kAppNetDisconnLimit);
-    KernelMap legacy(maps::kAppVuskLimit);
+    auto disconnect = openMap(maps::kAppNetDisconnLimit);
+    auto legacy = openMap(maps::kAppVuskLimit);
     Outcome run = kovractl({"net", "block", "10050"});
     ASSERT_EQ(0, run.exitCode) << run;
     EXPECT_EQ("block UID 10050: ok\n", run.out);

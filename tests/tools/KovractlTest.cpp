@@ -8,10 +8,10 @@ namespace kovra::test {
 namespace {
 
 using namespace android::bpf;
-using tool::KernelMap;
+using sandbox::openMap;
 
 TEST_F(KovractlTest, StatsShowTheMapsAsTablesAndJson) {
-    const auto netd = KernelMap(maps::kNetdAppUidStats).entries();
+    const auto netd = openMap(maps::kNetdAppUidStats).entries();
     Outcome run = kovractl({"--json", "stats", "uids"});
     ASSERT_EQ(0, run.exitCode) << run;
     nlohmann::json rows = jsonOf(run);
@@ -33,7 +33,7 @@ TEST_F(KovractlTest, StatsShowTheMapsAsTablesAndJson) {
     ASSERT_EQ(netd.size() + 2, table.size()) << run;
     EXPECT_EQ((std::vector<std::string>{"UID", "RX_PACKETS", "RX_BYTES", "TX_PACKETS", "TX_BYTES"}),
               table.front());
-    const StatsValue app = *KernelMap(maps::kNetdAppUidStats).get(10005);
+    const StatsValue app = *openMap(maps::kNetdAppUidStats).get(10005);
     EXPECT_NE(table.end(),
               std::find(table.begin(), table.end(),
                         std::vector<std::string>{
@@ -43,7 +43,7 @@ TEST_F(KovractlTest, StatsShowTheMapsAsTablesAndJson) {
     EXPECT_EQ(std::to_string(netd.size()) + " UIDs", table.back()[0] + " " + table.back()[1]);
 
     // One UID of the vendor's map, with its two extra counters; one without an entry.
-    const KovraStatsValue vendor = *KernelMap(maps::kUidPurStats).get(10123);
+    const KovraStatsValue vendor = *openMap(maps::kUidPurStats).get(10123);
     run = kovractl({"stats", "pur", "10123", "--json"});
     ASSERT_EQ(0, run.exitCode) << run;
     EXPECT_EQ(nlohmann::json::parse(R"([{"uid":10123,"rxPackets":)" +

@@ -1,12 +1,15 @@
 // kovractl maps: which maps of the catalogue are pinned, whether they fit the library's records,
 // and how many entries they hold. It reads the maps directly (read-only, no lock) so that it can
 // report a map the services would refuse; it never writes.
+#include <kovrasandbox/Maps.h>
+
 #include "Commands.h"
-#include "Pinned.h"
 
 namespace kovra::tool {
 
 using namespace android::bpf;
+using sandbox::MapShape;
+using sandbox::RawMap;
 
 namespace {
 
@@ -41,7 +44,7 @@ MapReport inspect(const PinnedMapInfo& row) {
         return report;
     }
     report.shape = map->shape();
-    report.entries = map->keys(report.shape.keySize).size();
+    report.entries = map->rawKeys(report.shape.keySize).size();
     if (report.shape.keySize != row.keySize || report.shape.valueSize != row.valueSize) {
         report.state = "sizes " + std::to_string(report.shape.keySize) + "/" +
                        std::to_string(report.shape.valueSize) + ", expected " +

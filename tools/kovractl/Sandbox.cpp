@@ -4,44 +4,40 @@
 #include "Sandbox.h"
 
 #include <errno.h>
-#include <net/if.h>
-#include <sched.h>
 #include <signal.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
-#include <sys/ioctl.h>
-#include <sys/mount.h>
-#include <sys/socket.h>
+#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <Live.h>
+#include <kovrasandbox/Bpffs.h>
+#include <kovrasandbox/Maps.h>
+#include <kovrasandbox/Netns.h>
+#include <kovrasandbox/Seed.h>
 
 #include "Commands.h"
-#include "Seed.h"
 
 namespace kovra::tool {
 namespace {
 
-constexpr char kBpffs[] = "/sys/fs/bpf";
-
-[[noreturn]] void fail(const std::string& what) {
-    throw ToolError(kExitEnvironment, "sandbox: " + what + ": " + strerror(errno));
-}
-
-// From here on this process and its children see a bpffs of their own at /sys/fs/bpf; the
-// machine's (if it has one) stays as it is, and ours vanishes with the last of them.
-void enterPrivateBpffs() {
-    if (geteuid() != 0) {
-        throw ToolError(kExitEnvironment,
-                        "sandbox: needs root (CAP_SYS_ADMIN and CAP_BPF) to mount a private bpffs; "
-                        "try: sudo kovractl sandbox");
+// From here on this process and its children see a bpffs of their own at /sys/fs/bpf holding
+// every map of the catalogue; the machine's (if it has one) stays as it is, and ours vanishes
+// with the last of them.
+void standUp(bool seed) {
+    const std::string problem = sandbox::enterPrivateBpffs();
+    if (!problem.empty()) {
+        const char* hint = geteuid() != 0 ? "; try: sudo kovractl sandbox" : "";
+        throw ToolError(kExitEnvironment, "sandbox: " + problem + hint);
     }
-    if (unshare(CLONE_NEWNS) != 0) fail("unshare(CLONE_NEWNS)");
-    // Without this the mount below would propagate back into the machine's namespace.
-    if (mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0) fail("making / private");
-    if (mount("bpf", kBpffs, "bpf", 0, nullptr) != 0) fail("mounting a bpffs at /sys/fs/bpf");
+    try {
+        sandbox::createCatalogueMaps();
+        if (seed) sandbox::seedDemo();
+    } catch (const sandbox::Error& error) {
+        throw ToolError(kExitEnvironment, std::string("sandbox: ") + error.what());
+    }
 }
 
 std::vector<char*> argvOf(std::vector<std::string>& command) {
@@ -51,17 +47,24 @@ std::vector<char*> argvOf(std::vector<std::string>& command) {
     return argv;
 }
 
-// A network namespace of the sandbox's own, with its loopback up: the live side's traffic
-// never reaches the machine's network.
-void enterPrivateNetwork() {
-    if (unshare(CLONE_NEWNET) != 0) fail("unshare(CLONE_NEWNET)");
-    const int fd = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
-    ifreq ifr{};
-    strncpy(ifr.ifr_name, "lo", IFNAMSIZ - 1);
-    const bool up = fd >= 0 && ioctl(fd, SIOCGIFFLAGS, &ifr) == 0 &&
-                    (ifr.ifr_flags |= IFF_UP, ioctl(fd, SIOCSIFFLAGS, &ifr) == 0);
-    if (fd >= 0) close(fd);
-    if (!up) fail("bringing the loopback up");
+// The live side: a network namespace of the sandbox's own, so that no traffic reaches the
+// machine's network, and the programs attached to a private cgroup.
+std::unique_ptr<live::LiveSide> goLive() {
+    sandbox::PrivateNetwork network;
+    if (const std::string problem = sandbox::enterPrivateNetwork(network); !problem.empty()) {
+        throw ToolError(kExitEnvironment, "sandbox: " + problem);
+    }
+    struct stat netns;
+    if (stat("/proc/self/ns/net", &netns) == 0) {
+        setenv(live::kNetnsEnv, std::to_string(netns.st_ino).c_str(), 1);
+    }
+    try {
+        auto live = std::make_unique<live::LiveSide>();
+        setenv(live::kCgroupEnv, live->cgroup().c_str(), 1);
+        return live;
+    } catch (const live::LiveError& e) {
+        throw ToolError(kExitEnvironment, std::string("sandbox: ") + e.what());
+    }
 }
 
 pid_t measured = 0;
@@ -74,7 +77,7 @@ void forwardSignal(int sig) {
 // and takes the programs and the cgroup down afterwards. Returns the command's exit status.
 int runMeasured(const live::LiveSide& live, std::vector<char*>& argv) {
     measured = fork();
-    if (measured < 0) fail("fork");
+    if (measured < 0) throw ToolError(kExitEnvironment, std::string("sandbox: fork: ") + strerror(errno));
     if (measured == 0) {
         try {
             live::joinCgroup(live.cgroup());
@@ -102,19 +105,8 @@ int runMeasured(const live::LiveSide& live, std::vector<char*>& argv) {
 }  // namespace
 
 int runSandbox(const SandboxOptions& options) {
-    enterPrivateBpffs();
-    if (options.live) enterPrivateNetwork();
-    createCatalogueMaps();
-    if (options.seed == "demo") seedDemo(monotonicNowNs());
-    std::unique_ptr<live::LiveSide> live;
-    if (options.live) {
-        try {
-            live = std::make_unique<live::LiveSide>();
-        } catch (const live::LiveError& e) {
-            throw ToolError(kExitEnvironment, std::string("sandbox: ") + e.what());
-        }
-        setenv(live::kCgroupEnv, live->cgroup().c_str(), 1);
-    }
+    standUp(options.seed == "demo");
+    std::unique_ptr<live::LiveSide> live = options.live ? goLive() : nullptr;
 
     std::vector<std::string> command = options.command;
     if (command.empty()) {
@@ -123,7 +115,7 @@ int runSandbox(const SandboxOptions& options) {
         fprintf(stderr,
                 "kovractl sandbox: private bpffs at %s with %zu maps%s%s; leave the shell to drop "
                 "it\n",
-                kBpffs, android::bpf::kPinnedMaps.size(),
+                sandbox::kBpffs, android::bpf::kPinnedMaps.size(),
                 options.seed.empty() ? "" : ", demo data seeded",
                 live ? ", live programs attached to the cgroup of this shell" : "");
     }

@@ -1,16 +1,13 @@
-#include "Seed.h"
+#include "kovrasandbox/Seed.h"
 
 #include <arpa/inet.h>
-#include <errno.h>
-#include <sys/stat.h>
 #include <time.h>
 
-#include <string>
 #include <vector>
 
-#include "Pinned.h"
+#include "kovrasandbox/Maps.h"
 
-namespace kovra::tool {
+namespace kovra::sandbox {
 
 using namespace android::bpf;
 
@@ -32,16 +29,19 @@ uint64_t ago(uint64_t nowNs, uint64_t ageMs) {
     return nowNs > age ? nowNs - age : 1;
 }
 
-void makeParentFolders(const char* path) {
-    std::string folder(path);
-    for (size_t slash = folder.find('/', 1); slash != std::string::npos;
-         slash = folder.find('/', slash + 1)) {
-        const std::string prefix = folder.substr(0, slash);
-        if (mkdir(prefix.c_str(), 0700) != 0 && errno != EEXIST) {
-            throwMapError(kExitEnvironment, "creating the folder of", path);
-        }
+// A catalogue map the seeding writes; a write that fails ends the seeding.
+template <typename K, typename V>
+class Seeded {
+  public:
+    explicit Seeded(const PinnedMap<K, V>& map) : mPath(map.path), mMap(openMap(map)) {}
+    void put(const K& key, const V& value) const {
+        if (!mMap.put(key, value)) fail("writing", mPath);
     }
-}
+
+  private:
+    const char* mPath;
+    TypedMap<K, V> mMap;
+};
 
 // ---- Per-UID traffic: system UIDs and 300 apps. ----
 
@@ -60,8 +60,8 @@ StatsValue trafficOf(uint32_t uid) {
 }
 
 void seedTraffic() {
-    KernelMap netd(maps::kNetdAppUidStats);
-    KernelMap vendor(maps::kUidPurStats);
+    Seeded netd(maps::kNetdAppUidStats);
+    Seeded vendor(maps::kUidPurStats);
     for (uint32_t uid : trafficUids()) {
         const StatsValue s = trafficOf(uid);
         netd.put(uid, s);
@@ -77,17 +77,17 @@ void seedTraffic() {
 // ---- Freeze accounting: records of frozen apps, and the settings. ----
 
 void seedFreeze(uint64_t nowNs) {
-    KernelMap syns(maps::kAppFreezeSyn);
+    Seeded syns(maps::kAppFreezeSyn);
     for (uint64_t i = 0; i < 6; ++i) {
         const uint64_t key = (uint64_t{10040} + 7 * i) << 32 | (i % 2 ? 5228 : 443);
         syns.put(key, {{3 + i, ago(nowNs, 1000 * (i + 1))}});
     }
-    KernelMap stats(maps::kAppFreezeStats);
+    Seeded stats(maps::kAppFreezeStats);
     for (uint64_t uid : {10052u, 10061u, 10075u, 10088u}) {
         const uint64_t h = mix(uid);
         stats.put(uid, {{h % 90000, (h >> 20) % 40000, h % 90, (h >> 40) % 60, (h >> 8) % 7}});
     }
-    KernelMap(maps::kAppFreezeConfig).put(1, {1, 30, 600});
+    Seeded(maps::kAppFreezeConfig).put(1, {1, 30, 600});
 }
 
 // ---- Speeds: sockets and (UID, interface) pairs, fresh and stale. ----
@@ -156,20 +156,20 @@ SocketTuple socketInfo(const DemoSocket& s) {
 }
 
 void seedSpeeds(uint64_t nowNs) {
-    KernelMap measured(maps::kAppSocketSpeedsIfindex);
+    Seeded measured(maps::kAppSocketSpeedsIfindex);
     measured.put(kLoopback, {1, 1});
     measured.put(kWifi, {1, 0});
     measured.put(kCellular, {1, 0});
-    KernelMap(maps::kAppSocketSpeedsConfig).put(0, 3);
+    Seeded(maps::kAppSocketSpeedsConfig).put(0, 3);
 
-    KernelMap sockets(maps::kAppSocketSpeeds);
-    KernelMap info(maps::kAppSocketInfo);
+    Seeded sockets(maps::kAppSocketSpeeds);
+    Seeded info(maps::kAppSocketInfo);
     for (const DemoSocket& s : kSockets) {
         sockets.put(s.cookie, speedRecord(s.uid, s.ifindex, s.firstSpeed, ago(nowNs, s.firstAgeMs),
                                           s.secondSpeed, ago(nowNs, s.secondAgeMs)));
         info.put(s.cookie, socketInfo(s));
     }
-    KernelMap pairs(maps::kAppUidSpeeds);
+    Seeded pairs(maps::kAppUidSpeeds);
     for (const DemoPair& p : kPairs) {
         pairs.put({p.uid, p.ifindex},
                   speedRecord(0, p.ifindex, p.firstSpeed, ago(nowNs, p.firstAgeMs), p.secondSpeed,
@@ -181,7 +181,7 @@ void seedSpeeds(uint64_t nowNs) {
 
 template <typename V>
 void seedCounters(const PinnedMap<uint32_t, V>& map, uint64_t salt) {
-    KernelMap counters(map);
+    Seeded counters(map);
     for (uint32_t i = 0; i < 20; ++i) {
         const uint32_t uid = 10000 + (salt * 37 + i * 13) % 300;
         counters.put(uid, static_cast<V>(1 + mix(uid * 16 + salt) % 400));
@@ -190,7 +190,7 @@ void seedCounters(const PinnedMap<uint32_t, V>& map, uint64_t salt) {
 
 template <typename V>
 void seedSequences(const PinnedMap<uint64_t, V>& map, uint64_t salt) {
-    KernelMap sequences(map);
+    Seeded sequences(map);
     for (uint64_t cookie = 40961; cookie < 40993; ++cookie) {
         sequences.put(cookie, static_cast<V>(mix(cookie + salt)));
     }
@@ -210,19 +210,19 @@ void seedWakeup(uint64_t nowNs) {
     seedSequences(maps::kSkTcpCookieOutSeq, 2);
     seedSequences(maps::kSkTcpCookieOutAck, 3);
 
-    KernelMap heartbeats(maps::kImAppHbLen);
+    Seeded heartbeats(maps::kImAppHbLen);
     heartbeats.put(10010, 300);
     heartbeats.put(10020, 270);
     heartbeats.put(10031, 600);
 
     // The screen went on an hour ago.
-    KernelMap screen(maps::kScreenState);
+    Seeded screen(maps::kScreenState);
     screen.put(1, 2);
     screen.put(3, ago(nowNs, 3600 * 1000));
 
     // The kernel side found the inbound sequence map (1) and the inbound wake-up map (8)
     // overflowing. Value 2 and key 64 mean nothing to the library and stay as they are.
-    KernelMap overflow(maps::kOverflowingMapCheck);
+    Seeded overflow(maps::kOverflowingMapCheck);
     overflow.put(1, 1);
     overflow.put(8, 1);
     overflow.put(2, 2);
@@ -232,18 +232,11 @@ void seedWakeup(uint64_t nowNs) {
 // ---- Blocking: one app cut off by each switch. ----
 
 void seedFirewall() {
-    KernelMap(maps::kAppNetDisconnLimit).put(10066, 1);
-    KernelMap(maps::kAppVuskLimit).put(10077, 1);
+    Seeded(maps::kAppNetDisconnLimit).put(10066, 1);
+    Seeded(maps::kAppVuskLimit).put(10077, 1);
 }
 
 }  // namespace
-
-void createCatalogueMaps() {
-    for (const PinnedMapInfo& row : kPinnedMaps) {
-        makeParentFolders(row.path);
-        RawMap::create(row, kSandboxMapEntries);
-    }
-}
 
 void seedDemo(uint64_t nowNs) {
     seedTraffic();
@@ -259,4 +252,4 @@ uint64_t monotonicNowNs() {
     return static_cast<uint64_t>(now.tv_sec) * 1000000000ull + static_cast<uint64_t>(now.tv_nsec);
 }
 
-}  // namespace kovra::tool
+}  // namespace kovra::sandbox

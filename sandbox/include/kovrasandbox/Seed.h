@@ -1,0 +1,18 @@
+// The demo data set: the catalogue's maps filled like those of a phone in use, for the sandbox,
+// the demo and the tests of kovractl.
+#pragma once
+
+#include <stdint.h>
+
+namespace kovra::sandbox {
+
+// CLOCK_MONOTONIC in nanoseconds, the clock of the speed records' stamps.
+uint64_t monotonicNowNs();
+
+// Fills the catalogue's maps, which must exist (createCatalogueMaps), with the demo data set.
+// Time stamps are taken relative to `nowNs` (CLOCK_MONOTONIC nanoseconds): fresh ones a
+// fraction of a second old, stale ones minutes old. Throws Error when a map is missing or a
+// write fails.
+void seedDemo(uint64_t nowNs = monotonicNowNs());
+
+}  // namespace kovra::sandbox
