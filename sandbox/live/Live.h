@@ -17,7 +17,7 @@ inline constexpr char kFrozenUidsPath[] = "/sys/fs/bpf/kovra_desk/live_frozen_ui
 // Set for the processes of a live sandbox: the sub-cgroup whose traffic is measured.
 inline constexpr char kCgroupEnv[] = "KOVRA_LIVE_CGROUP";
 // Set likewise: the inode of the sandbox's own network namespace, the only one the traffic
-// driver sends in.
+// driver sends in (whoever makes a private namespace for it declares it here).
 inline constexpr char kNetnsEnv[] = "KOVRA_LIVE_NETNS";
 
 // Why the live side could not start or be used; `cannotAttach` when the kernel refuses cgroup

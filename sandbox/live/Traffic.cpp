@@ -151,16 +151,16 @@ struct VethPeer {
     }
 };
 
-// Refuses any network namespace but the live sandbox's (or, outside one, the machine's own, where
-// that can be told), and brings the loopback up.
+// Refuses every network namespace but the one its creator declared private in kNetnsEnv (the
+// machine's own cannot always be told from /proc/1, which may be closed to us), and brings the
+// loopback up.
 void prepareNetwork() {
     const ino_t own = namespaceOf("/proc/self/ns/net");
-    const char* sandboxed = getenv(live::kNetnsEnv);
-    if (own == 0 || own == namespaceOf("/proc/1/ns/net") ||
-        (sandboxed != nullptr && std::to_string(own) != sandboxed)) {
+    const char* declared = getenv(live::kNetnsEnv);
+    if (own == 0 || declared == nullptr || std::to_string(own) != declared) {
         throw std::runtime_error(
-                "refusing to send traffic in the machine's own network namespace; run inside "
-                "`kovractl sandbox --live`");
+                "refusing to send traffic outside the live sandbox's own network namespace; run "
+                "inside `kovractl sandbox --live`");
     }
     check(sandbox::setLinkUp(if_nametoindex("lo")));
 }

@@ -51,8 +51,8 @@ inline constexpr uint32_t kMaxLimitMs = 120000;
 Flow parseFlow(const std::string& spec);
 
 // Runs the flows at once and waits for them all. `cgroup` is the live side's sub-cgroup that
-// both ends join. Throws std::runtime_error when the network cannot be prepared (a machine's
-// own network namespace is refused).
+// both ends join. Sends only in the network namespace declared in live::kNetnsEnv; throws
+// std::runtime_error in any other, or when the network cannot be prepared.
 std::vector<Sent> run(const std::vector<Flow>& flows, const std::string& cgroup);
 
 // The flows and what they sent, as a table and as JSON.

@@ -1,5 +1,7 @@
 #include "Live.h"
 
+#include <sys/stat.h>
+
 #include <bpf/bpf.h>
 
 #include <kovrasandbox/Netns.h>
@@ -12,6 +14,9 @@ void LiveTest::SetUp() {
     static sandbox::PrivateNetwork network;
     static const std::string problem = sandbox::enterPrivateNetwork(network);
     ASSERT_EQ("", problem);
+    struct stat netns;
+    ASSERT_EQ(0, stat("/proc/self/ns/net", &netns));
+    setenv(live::kNetnsEnv, std::to_string(netns.st_ino).c_str(), 1);
     using android::bpf::maps::kSkTcpCookieInSeq;
     using android::bpf::maps::kSkTcpCookieOutAck;
     using android::bpf::maps::kSkTcpCookieOutSeq;
