@@ -8,7 +8,7 @@ packages=(
     android-libbase-dev android-liblog-dev libfmt-dev
     libgtest-dev libbenchmark-dev
     clang libclang-rt-14-dev valgrind
-    libbpf-dev iproute2 jq
+    jq
     libcli11-dev nlohmann-json3-dev
     libbpf-dev libnl-route-3-dev
     "$@"
