@@ -32,7 +32,8 @@ class LiveSide {
   public:
     // Needs every catalogue map pinned in a private bpffs. Moves the process into a mount
     // namespace of its own (a copy of the caller's) for a cgroup2 mount, makes the sub-cgroup,
-    // loads and attaches every program. Throws LiveError.
+    // loads and attaches every program. Call it before the process starts threads (a mount
+    // namespace is the whole process's). Throws LiveError.
     LiveSide();
     // Detaches every program, ends what is left in the sub-cgroup and removes it.
     ~LiveSide();

@@ -4,9 +4,9 @@
 #include <errno.h>
 #include <fcntl.h>
 #include <grp.h>
+#include <linux/tcp.h>
 #include <net/if.h>
 #include <netinet/in.h>
-#include <netinet/tcp.h>
 #include <poll.h>
 #include <sched.h>
 #include <signal.h>
@@ -308,6 +308,11 @@ void send(const Flow& flow, const std::string& ip, uint16_t port, Sent& sent) {
                 const ssize_t n = read(fd, sink, sizeof(sink));
                 if (n == 0 || (n < 0 && errno != EAGAIN && errno != EINTR)) break;
             }
+            tcp_info info{};
+            socklen_t len = sizeof(info);
+            if (getsockopt(fd, IPPROTO_TCP, TCP_INFO, &info, &len) == 0) {
+                sent.retransmitted += info.tcpi_bytes_retrans;
+            }
         }
         close(fd);
     }
@@ -466,16 +471,18 @@ std::vector<Sent> run(const std::vector<Flow>& flows, const std::string& cgroup)
 
 std::string table(const std::vector<Flow>& flows, const std::vector<Sent>& sent) {
     std::string out = "flow  uid    peer   proto route ifindex conns bytes_sent  messages  "
-                      "received    seconds  cookie  error\n";
+                      "retrans  received    seconds  cookie  error\n";
     for (size_t i = 0; i < flows.size(); ++i) {
         const Flow& f = flows[i];
         const Sent& s = sent[i];
         char line[256];
-        snprintf(line, sizeof(line), "%-5zu %-6u %-6u %-5s %-5s %-7u %-5u %-11llu %-9llu %-11llu %-8.2f %-7llu %s\n",
+        snprintf(line, sizeof(line),
+                 "%-5zu %-6u %-6u %-5s %-5s %-7u %-5u %-11llu %-9llu %-8llu %-11llu %-8.2f %-7llu %s\n",
                  i, f.uid, f.peerUid, f.protocol == Protocol::kTcp ? "tcp" : "udp",
                  f.route == Route::kLoopback ? "lo" : "veth", s.ifindex, s.connections,
                  static_cast<unsigned long long>(s.bytes),
                  static_cast<unsigned long long>(s.messages),
+                 static_cast<unsigned long long>(s.retransmitted),
                  static_cast<unsigned long long>(s.received), s.seconds,
                  static_cast<unsigned long long>(s.cookie), s.error == 0 ? "-" : strerror(s.error));
         out += line;
@@ -494,7 +501,8 @@ std::string json(const std::vector<Flow>& flows, const std::vector<Sent>& sent) 
             << "\", \"route\": \"" << (f.route == Route::kLoopback ? "lo" : "veth")
             << "\", \"ifindex\": " << s.ifindex << ", \"rate\": " << f.rate
             << ", \"connections\": " << s.connections << ", \"bytes\": " << s.bytes
-            << ", \"messages\": " << s.messages << ", \"received\": " << s.received
+            << ", \"messages\": " << s.messages << ", \"retransmitted\": " << s.retransmitted
+            << ", \"received\": " << s.received
             << ", \"seconds\": " << s.seconds << ", \"cookie\": " << s.cookie
             << ", \"port\": " << s.port << ", \"error\": "
             << (s.error == 0 ? "null" : "\"" + std::string(strerror(s.error)) + "\"") << "}";

@@ -32,6 +32,7 @@ struct Flow {
 struct Sent {
     uint64_t bytes = 0;      // payload the app wrote
     uint64_t messages = 0;   // writes or datagrams
+    uint64_t retransmitted = 0;  // TCP payload bytes sent again (tcpi_bytes_retrans)
     uint64_t received = 0;   // payload the peer read
     uint32_t connections = 0;
     uint64_t cookie = 0;     // socket cookie of the app's first socket

@@ -29,7 +29,10 @@ void LiveTest::SetUp() {
     try {
         mLive = std::make_unique<live::LiveSide>();
     } catch (const live::LiveError& e) {
-        FAIL() << e.what();
+        // Like a missing bpffs: a kernel without cgroup programs skips, except under CI.
+        const char* ci = getenv("CI");
+        if (!e.cannotAttach || (ci != nullptr && strcmp(ci, "true") == 0)) FAIL() << e.what();
+        GTEST_SKIP() << "live test skipped: " << e.what();
     }
 }
 
