@@ -53,10 +53,10 @@ TEST_F(LiveStats, TotalsEqualWhatTheDriverSent) {
     const KovraStatsValue& app = pur.at(10001);
     const KovraStatsValue& peer = pur.at(10002);
     EXPECT_EQ(200000 + sent[0].retransmitted + 52 * app.txPackets + 8, app.txBytes);
-    // What the loopback carried arrived: one side's transmit is the other's receive.
-    EXPECT_EQ(app.txPackets, peer.rxPackets);
-    EXPECT_EQ(app.txBytes, peer.rxBytes);
-    EXPECT_EQ(app.rxBytes, peer.txBytes);
+    EXPECT_EQ(200000 + sent[0].retransmitted + 52 * peer.rxPackets + 8, peer.rxBytes);
+    // The last acknowledgement may leave a socket that is closed already (TIME_WAIT: no UID).
+    EXPECT_LE(app.txPackets, peer.rxPackets);
+    EXPECT_LE(peer.rxPackets, app.txPackets + 2);
     // SYN, FIN, and at least one segment per 64 KiB; at most one per write and a few ACKs more.
     EXPECT_GE(app.txPackets, 2 + 200000 / 65536 + 1);
     EXPECT_LE(app.txPackets, sent[0].messages + 10);

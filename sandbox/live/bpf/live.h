@@ -16,7 +16,6 @@
 #include <bpf/bpf_endian.h>
 #include <bpf/bpf_helpers.h>
 
-#define E2BIG 7
 #define NS_PER_MS 1000000ULL
 
 #define HASH_MAP(name_, key_, value_)              \
@@ -117,13 +116,15 @@ static __always_inline void parse(struct __sk_buff* skb, bool egress, struct pac
     p->bytes = skb->len + (__u64)(p->segments - 1) * header;
 }
 
-// The value of `key` in a hash map, created as `initial` when absent. NULL when the map is full
-// (then *full is set) or the entry cannot be made.
+// The value of `key` in a hash map, created as `initial` when absent. NULL when the entry cannot
+// be made: then *full is set, since a map that takes no new key is full for its users (E2BIG,
+// or ENOMEM or EBUSY where the kernel's allocator gives out first).
 static __always_inline void* lookupOrInit(void* map, const void* key, const void* initial,
                                           bool* full) {
     void* value = bpf_map_lookup_elem(map, key);
     if (value != NULL) return value;
-    long err = bpf_map_update_elem(map, key, initial, BPF_NOEXIST);
-    if (err == -E2BIG && full != NULL) *full = true;
-    return bpf_map_lookup_elem(map, key);
+    bpf_map_update_elem(map, key, initial, BPF_NOEXIST);
+    value = bpf_map_lookup_elem(map, key);
+    if (value == NULL && full != NULL) *full = true;
+    return value;
 }

@@ -17,7 +17,8 @@
 // the next outbound one (sk_tcp_cookie_out_seq) and the latest outbound acknowledgement number
 // (sk_tcp_cookie_out_ack). When an entry cannot be added to one of these three maps or to the
 // inwakeup, outwakeup or wakeupduration counters because the map is full, the map's bit in the
-// overflow check map is set to 1, for the screen-on service to reset it.
+// overflow check map is set to 1, for the screen-on service to reset it. (Any failure to take a
+// key counts: kernels differ in the errno of a full map.)
 #include "live.h"
 
 HASH_MAP(screen_state, __u32, __u64);
@@ -87,9 +88,9 @@ static __always_inline void bump(void* map, __u32 uid, __u32 bit) {
     if (full && bit != NO_BIT) flagOverflow(bit);
 }
 
+// A failed write is a key the map could not take (see lookupOrInit): the map is full.
 static __always_inline void setSequence(void* map, __u64 cookie, __u32 value, __u32 bit) {
-    long err = bpf_map_update_elem(map, &cookie, &value, BPF_ANY);
-    if (err == -E2BIG) flagOverflow(bit);
+    if (bpf_map_update_elem(map, &cookie, &value, BPF_ANY) != 0) flagOverflow(bit);
 }
 
 static __always_inline int detect(struct __sk_buff* skb, bool egress) {
@@ -138,8 +139,9 @@ static __always_inline int detect(struct __sk_buff* skb, bool egress) {
     if (last != 0 && now - last < BURST_GAP_NS) {
         state->durationNs += now - last;
         __u64 ms = state->durationNs / NS_PER_MS;
-        long err = bpf_map_update_elem(&app_tcp_wakeupduration, &p.uid, &ms, BPF_ANY);
-        if (err == -E2BIG) flagOverflow(WAKEUPDURATION);
+        if (bpf_map_update_elem(&app_tcp_wakeupduration, &p.uid, &ms, BPF_ANY) != 0) {
+            flagOverflow(WAKEUPDURATION);
+        }
     } else {
         const bool rewake = last != 0 && now - last < REWAKE_GAP_NS;
         if (egress) {
