@@ -120,7 +120,7 @@ void fuzzSocketSpeeds(FuzzedDataProvider& input, Maps& maps) {
                     "a reported speed is neither the record's in kbps nor 0");
             rest.firstSpeed = v.firstSpeed;
             rest.secondSpeed = v.secondSpeed;
-            require(kovra::test::sameBytes(rest, v), "a reported record changed beyond its speeds");
+            require(kovra::sandbox::sameBytes(rest, v), "a reported record changed beyond its speeds");
             require(!j.surelyPruned, "a pruned socket was reported");
         }
         const auto iface = maps.interfaces.written().find(v.ifindex);

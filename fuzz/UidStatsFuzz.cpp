@@ -23,10 +23,10 @@ void fuzzSingleUid(FuzzedDataProvider& input, const FuzzedMap<uint32_t, KovraSta
     const auto it = map.written().find(uid);
     if (it == map.written().end()) {
         require(status == -ENOENT, "a missing UID is not -ENOENT");
-        require(kovra::test::sameBytes(untouched, out), "a failed lookup wrote the record");
+        require(kovra::sandbox::sameBytes(untouched, out), "a failed lookup wrote the record");
     } else {
         require(status == 0, "a present UID was not read");
-        require(kovra::test::sameBytes(it->second, out), "the record changed on the way");
+        require(kovra::sandbox::sameBytes(it->second, out), "the record changed on the way");
     }
 }
 
