@@ -60,8 +60,11 @@ traffic_totals() {
     say "tx bytes = payload + retransmitted + 52 x tx packets + 8"
     say "         = 300000 + $again + 52 x $packets + 8 = $((300000 + again + 52 * packets + 8))"
     check "UID 10001's tx bytes ($tx) equal the formula" test "$tx" -eq $((300000 + again + 52 * packets + 8))
+    local rxPackets
     rx=$(json stats pur 10002 | jq '.[0].rxBytes')
-    check "the receiving app's rx bytes equal them too ($rx)" test "$rx" -eq "$tx"
+    rxPackets=$(json stats pur 10002 | jq '.[0].rxPackets')
+    check "the receiving app's rx bytes ($rx) hold the same formula with its $rxPackets packets" \
+        test "$rx" -eq $((300000 + again + 52 * rxPackets + 8))
     udp=$(json stats pur 10003 | jq '.[0].txBytes')
     say "UDP: tx bytes = 100 datagrams x (700 + 28) = 72800; extra1 holds the UDP bytes"
     check "UID 10003's tx bytes ($udp) are 72800" test "$udp" -eq 72800
