@@ -365,10 +365,10 @@ uint64_t number(const std::string& key, const std::string& text, uint64_t max) {
 
 }  // namespace
 
-Flow parseFlow(const std::string& spec) {
+Flow parseFlow(const std::string& text) {
     Flow flow;
     bool hasUid = false, hasPeer = false;
-    std::istringstream in(spec);
+    std::istringstream in(text);
     for (std::string item; std::getline(in, item, ',');) {
         const size_t eq = item.find('=');
         const std::string key = item.substr(0, eq);

@@ -49,7 +49,7 @@ inline constexpr uint32_t kMaxLimitMs = 120000;
 
 // Parses "uid=10001,peer=10002,proto=tcp,route=lo,bytes=100000,chunk=1000,rate=50000,
 // conns=1,hold=0,keepalive=0,limit=60000". Throws std::invalid_argument naming the mistake.
-Flow parseFlow(const std::string& spec);
+Flow parseFlow(const std::string& text);
 
 // Runs the flows at once and waits for them all. `cgroup` is the live side's sub-cgroup that
 // both ends join. Sends only in the network namespace declared in live::kNetnsEnv; throws

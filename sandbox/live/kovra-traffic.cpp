@@ -1,10 +1,10 @@
 // kovra-traffic: the desk's traffic driver, run inside `kovractl sandbox --live`.
 //
-//   kovra-traffic [--json FILE] flow SPEC...  run the flows at once, print what they sent as a
+//   kovra-traffic [--json FILE] flow FLOW...  run the flows at once, print what they sent as a
 //                                            table, and as JSON into FILE ("-": instead of it)
 //   kovra-traffic freeze UID | thaw UID   mark an app frozen on the desk, or not
 //
-// SPEC: uid=N,peer=N[,proto=tcp|udp][,route=lo|veth][,bytes=N][,chunk=N][,rate=BYTES_PER_S]
+// FLOW: uid=N,peer=N[,proto=tcp|udp][,route=lo|veth][,bytes=N][,chunk=N][,rate=BYTES_PER_S]
 //       [,conns=N][,hold=MS][,keepalive=0|1][,limit=MS]
 // Exit codes: 0 done (a flow's socket error is shown, not fatal), 2 usage, 3 environment.
 #include <errno.h>
@@ -21,9 +21,9 @@
 namespace {
 
 constexpr char kUsage[] =
-        "usage: kovra-traffic [--json FILE|-] flow SPEC...\n"
+        "usage: kovra-traffic [--json FILE|-] flow FLOW...\n"
         "       kovra-traffic freeze UID | thaw UID\n"
-        "SPEC: uid=N,peer=N[,proto=tcp|udp][,route=lo|veth][,bytes=N][,chunk=N]"
+        "FLOW: uid=N,peer=N[,proto=tcp|udp][,route=lo|veth][,bytes=N][,chunk=N]"
         "[,rate=BYTES_PER_S][,conns=N][,hold=MS][,keepalive=0|1][,limit=MS]\n";
 
 int usage(const std::string& problem) {
@@ -62,7 +62,7 @@ int main(int argc, char** argv) {
         return 0;
     }
     if (args[0] != "flow") return usage("unknown command `" + args[0] + "`");
-    if (args.size() < 2) return usage("flow needs at least one SPEC");
+    if (args.size() < 2) return usage("flow needs at least one FLOW");
     std::vector<kovra::traffic::Flow> flows;
     try {
         for (size_t i = 1; i < args.size(); ++i) flows.push_back(kovra::traffic::parseFlow(args[i]));
