@@ -1,16 +1,23 @@
 #!/usr/bin/env bash
-# The libkovrabpf demo: installs what it needs, builds kovractl, and walks every service family
-# in a sandbox (a private bpffs seeded with a demo data set), showing what each step does to the
-# maps. Needs root, for the sandbox's private bpffs; the machine's own maps are never touched.
+# The libkovrabpf demo, live: installs what it needs, builds kovractl and the traffic driver,
+# and runs a scenario in `kovractl sandbox --live`: a private bpffs with every map, a private
+# network namespace, and the project's own eBPF programs attached to a private cgroup. Apps
+# (UIDs) send real traffic there; family by family the demo shows what the traffic did and what
+# the services report, and checks that the two agree. Needs root; the machine's own maps,
+# cgroups and network are not touched.
 #
-#   bash scripts/demo.sh                   set up, build, run the scenario
-#   bash scripts/demo.sh --kovractl PATH   run the scenario with an already built kovractl
+#   bash scripts/demo.sh                                 set up, build, run the scenario
+#   bash scripts/demo.sh --kovractl PATH --traffic PATH  run it with already built tools
+#
+# Exit status: 0 when every check held, 1 when one did not, 3 when the sandbox could not start.
 set -euo pipefail
 root=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
 
-# ---- The scenario, run inside the sandbox ----
+# ---- The scenario, run inside the live sandbox ----
 
+failures=0
 step() { printf '\n== %s\n' "$*"; }
+say() { printf '   %s\n' "$*"; }
 
 # Shows a command the way a user would type it, runs it, and tells a non-zero exit.
 run() {
@@ -19,120 +26,211 @@ run() {
     "$kovractl" "$@" 2>&1 || rc=$?
     ((rc == 0)) || printf '(exit %d)\n' "$rc"
 }
+# The same for the traffic driver; its JSON goes to $sent.
+drive() {
+    printf '$ kovra-traffic flow %s\n' "$*"
+    "$traffic" --json "$sent" flow "$@"
+}
+json() { "$kovractl" --json "$@" 2>/dev/null; }
 
-# Entry count of one map, read beside the services by `kovractl maps`.
-entries() { "$kovractl" maps | awk -v name="$1" '$1 == name { print $6 }'; }
-
-# Runs a command and reports how it changed the entry count of one map.
-counted() {
-    local map=$1 before
+# check DESCRIPTION CONDITION...: the condition is a command; prints ok or FAILED.
+check() {
+    local what=$1
     shift
-    before=$(entries "$map")
-    run "$@"
-    printf '   %s entries: %s -> %s\n' "$map" "$before" "$(entries "$map")"
+    if "$@"; then
+        printf '   ok: %s\n' "$what"
+    else
+        printf '   FAILED: %s\n' "$what"
+        failures=$((failures + 1))
+    fi
 }
+# within ACTUAL EXPECTED PERCENT
+within() { awk -v a="$1" -v e="$2" -v p="$3" 'BEGIN { d = a - e; if (d < 0) d = -d; exit !(d <= e * p / 100) }'; }
 
-traffic() {
-    step "Traffic totals: netd's per-UID statistics and the vendor's own"
-    run stats uids | sed -n '1,6p;$p'
-    run stats pur 10005
-    echo "   A UID without an entry: the lookup's ENOENT (status -2) is exit 4, with the library's log line."
-    run stats pur 9
-    echo "   Watching: a listing every half second, with rates from the counters' deltas."
-    run stats uids --interval 0.5 --count 2 --sort rxBytes --top 3
-}
-
-freeze() {
-    step "Freeze accounting: harvesting frozen apps' records, and the settings"
-    echo "   A harvest hands over every record, then empties the kernel map, and says so."
-    run freeze syns
-    echo "   Nothing new since: the second harvest is empty."
-    run freeze syns
-    run freeze stats
-    run freeze config get
-    echo "   -v shows the library's DEBUG line for a write."
-    run -v freeze config set 2 45 900
-    run freeze config get
-    echo "   A fresh process never writes 0 0 0: the library skips it, and kovractl says so."
-    run freeze config set 0 0 0
+traffic_totals() {
+    step "Traffic totals: what two apps sent, and what the per-UID statistics say"
+    drive uid=10001,peer=10002,bytes=300000 uid=10003,peer=10004,proto=udp,bytes=70000,chunk=700
+    run stats pur 10001
+    run stats pur 10003
+    local tx packets again rx udp
+    tx=$(json stats pur 10001 | jq '.[0].txBytes')
+    packets=$(json stats pur 10001 | jq '.[0].txPackets')
+    again=$(jq '.[0].retransmitted' "$sent")
+    say "TCP on loopback: every segment carries 52 header bytes, the SYN 8 more:"
+    say "tx bytes = payload + retransmitted + 52 x tx packets + 8"
+    say "         = 300000 + $again + 52 x $packets + 8 = $((300000 + again + 52 * packets + 8))"
+    check "UID 10001's tx bytes ($tx) equal the formula" test "$tx" -eq $((300000 + again + 52 * packets + 8))
+    local rxPackets
+    rx=$(json stats pur 10002 | jq '.[0].rxBytes')
+    rxPackets=$(json stats pur 10002 | jq '.[0].rxPackets')
+    check "the receiving app's rx bytes ($rx) hold the same formula with its $rxPackets packets" \
+        test "$rx" -eq $((300000 + again + 52 * rxPackets + 8))
+    udp=$(json stats pur 10003 | jq '.[0].txBytes')
+    say "UDP: tx bytes = 100 datagrams x (700 + 28) = 72800; extra1 holds the UDP bytes"
+    check "UID 10003's tx bytes ($udp) are 72800" test "$udp" -eq 72800
+    local listing
+    listing=$(run stats uids)
+    echo "$listing"
+    check "the listing counts its four UIDs" grep -qx '4 UIDs' <<<"$listing"
 }
 
 speeds() {
-    step "Speeds: sockets and (UID, interface) pairs, fresh and stale; measured interfaces"
-    echo "   Sockets at 100 kbps or more (or watched and moving). Both directions older than 30 s:"
-    echo "   pruned with their socket information. 40967 talks to 127.0.0.9 on the loopback,"
-    echo "   measured with the local filter: left out. 40968 is slow but watched."
-    run -v speeds sockets --stale-ms 30000 --min-kbps 100 --watch 40968
-    echo "   Every live pair, 0 kbps included; stale pairs pruned."
-    run speeds uids --stale-ms 30000
-    echo "   Taking interface 22 out of measurement wipes its sockets, pairs and socket information."
-    run speeds iface 22 off
-    echo "   The measured interfaces and the configuration word, read without a service."
-    run speeds iface
-    run speeds iface 5 on --local
-    run speeds config 7
-    run speeds config
-}
-
-wakeup() {
-    step "TCP wake-up detector: per-UID counters, heartbeat lengths, screen state"
-    run wakeup inwakeup outwakeup wakeupduration | sed -n '1,6p;$p'
-    run wakeup hb-len 10044 240
-    run wakeup hb-len
-    echo "   Screen off drops every registered heartbeat length."
-    run screen off 1000
-    echo "   The screen state and the overflow flags the kernel side set."
-    run screen
-    echo "   Screen on resets the maps the kernel side flagged as overflowing (flags 1 and 8:"
-    echo "   inbound sequences and inbound wake-ups) and logs the mask with no tag."
-    run screen on 2000
-    echo "   Nothing is flagged any more: a second screen on resets nothing and logs nothing."
-    run screen on 3000
+    step "Speeds: paced flows measured per socket and per (UID, interface), then pruned"
+    say "Measure the loopback (1) and the interfaces the driver's veth pair may get (2-16)."
+    run speeds iface 1 on
+    for i in $(seq 2 16); do "$kovractl" speeds iface "$i" on >/dev/null; done
+    say "The configuration word is the live side's window: speeds over 500 ms."
+    run speeds config 500
+    say "App 10011 sends TCP over loopback at 50000 B/s (400 kbps), app 10013 UDP over the"
+    say "veth pair at 25000 B/s (200 kbps), for 4 s; the services are asked while they run."
+    drive uid=10011,peer=10012,bytes=200000,rate=50000 \
+        uid=10013,peer=10014,proto=udp,route=veth,bytes=100000,rate=25000 >"$scratch/speeds" &
+    flows=$!
+    sleep 3
+    run speeds sockets --stale-ms 2000 --min-kbps 100
+    run speeds uids --stale-ms 2000
+    wait "$flows"
+    cat "$scratch/speeds"
+    local cookie udpCookie ifindex tcpKbps udpKbps pairKbps
+    cookie=$(jq '.[0].cookie' "$sent")
+    udpCookie=$(jq '.[1].cookie' "$sent")
+    ifindex=$(jq '.[1].ifindex' "$sent")
+    tcpKbps=$(json speeds sockets --stale-ms 5000 --min-kbps 0 | jq ".rows[] | select(.cookie == $cookie) | .secondSpeedKbps")
+    udpKbps=$(json speeds sockets --stale-ms 5000 --min-kbps 0 | jq ".rows[] | select(.cookie == $udpCookie) | .secondSpeedKbps")
+    pairKbps=$(json speeds uids --stale-ms 5000 | jq ".rows[] | select(.uid == 10012 and .ifindex == 1) | .firstSpeedKbps")
+    check "socket $cookie sent at ${tcpKbps:-?} kbps, within 10% of 400" within "${tcpKbps:-0}" 400 10
+    check "socket $udpCookie on interface $ifindex sent at ${udpKbps:-?} kbps, within 10% of 200" \
+        within "${udpKbps:-0}" 200 10
+    check "UID 10012 received at ${pairKbps:-?} kbps on the loopback, within 10% of 400" \
+        within "${pairKbps:-0}" 400 10
+    say "The flows have stopped; 2 s later their speeds are stale and the services prune them."
+    sleep 2.2
+    run speeds sockets --stale-ms 2000 --min-kbps 0
+    run speeds uids --stale-ms 2000
+    check "no socket left" test "$(json speeds sockets --stale-ms 2000 --min-kbps 0 | jq ".rows | length")" -eq 0
 }
 
 blocking() {
-    step "Network blocking: per-app switches"
-    counted app_net_disconn_limit net block 10050
-    counted app_net_disconn_limit net unblock 10050
-    echo "   Unblocking an app that is not blocked is the service's -1: exit 1."
-    run net unblock 10050
-    echo "   The legacy switch: rule 1 lets the app back on, any other rule blocks it."
-    counted app_vusk_limit net legacy 10077 1
-    counted app_vusk_limit net legacy 10088 0
-    run net list
+    step "Network blocking: a blocked app fails at once, another app goes on"
+    say "App 10021 sends 20000 B/s for 4 s meanwhile."
+    drive uid=10021,peer=10022,bytes=80000,rate=20000 >"$scratch/other" &
+    local other=$! before after
+    run net block 10023
+    drive uid=10023,peer=10022,bytes=1000 uid=10023,peer=10022,proto=udp,bytes=1000
+    check "the blocked app's connect() and sendto() fail with EPERM" \
+        test "$(jq -r '[.[].error] | unique | .[]' "$sent")" = "Operation not permitted"
+    before=$(json stats pur 10021 | jq '.[0].txBytes')
+    sleep 1
+    after=$(json stats pur 10021 | jq '.[0].txBytes')
+    check "app 10021's flow went on: tx bytes $before -> $after" test "$after" -gt "$before"
+    run net unblock 10023
+    drive uid=10023,peer=10022,bytes=1000
+    check "unblocked, it connects and sends again" test "$(jq '.[0].received' "$sent")" -eq 1000
+    say "The legacy switch: rule 0 blocks, rule 1 lets the app back on."
+    run net legacy 10024 0
+    drive uid=10024,peer=10022,proto=udp,bytes=1000
+    check "blocked by the legacy map" test "$(jq -r '.[0].error' "$sent")" = "Operation not permitted"
+    run net legacy 10024 1
+    drive uid=10024,peer=10022,proto=udp,bytes=1000
+    check "and back" test "$(jq -r '.[0].error' "$sent")" = null
+    wait "$other"
+    cat "$scratch/other"
+    check "app 10021 sent all its bytes" test "$(jq '.[0].received' "$sent")" -eq 80000
+}
+
+freeze() {
+    step "Freeze accounting: a frozen app's connection attempts and traffic, harvested"
+    printf '$ kovra-traffic freeze 10031\n'
+    "$traffic" freeze 10031
+    drive uid=10031,peer=10032,bytes=2000,conns=3 uid=10033,peer=10031,bytes=500
+    local harvest key data0 data1 syns=0
+    harvest=$(run freeze syns)
+    echo "$harvest"
+    say "The live side's SYN record: DATA0 = UID | remote IPv4 << 32, DATA1 = remote port"
+    say "| local port << 16 | SYNs << 32 | inbound << 48 | protocol << 56 (docs/live.md):"
+    while read -r key data0 data1; do
+        [[ $key =~ ^[0-9]+$ && $data0 =~ ^[0-9]+$ ]] || continue
+        syns=$((syns + 1))
+        if (((data1 >> 48) & 255)); then
+            say "socket $key: UID $((data0 & 0xffffffff)), $(((data1 >> 32) & 0xffff)) SYN(s) inbound to its port $(((data1 >> 16) & 0xffff))"
+        else
+            say "socket $key: UID $((data0 & 0xffffffff)), $(((data1 >> 32) & 0xffff)) SYN(s) outbound to port $((data1 & 0xffff))"
+        fi
+    done <<<"$harvest"
+    check "3 outbound and 1 inbound SYN records were harvested ($syns)" test "$syns" -eq 4
+    run freeze stats
+    say "A harvest empties the maps: the second one is empty."
+    run freeze syns
+    printf '$ kovra-traffic thaw 10031\n'
+    "$traffic" thaw 10031
+}
+
+wakeup() {
+    step "TCP wake-up detector: screen off, counts per app, screen on resets what overflowed"
+    run screen off 1000
+    say "App 10041 sends ten 100-byte heartbeats, 250 ms apart; its heartbeat length is 100."
+    run wakeup hb-len 10041 100
+    say "App 10043 idles 2.5 s on a connection its peer probes with keep-alives; app 10045"
+    say "opens 600 short connections, more than the 1024-entry sequence maps hold."
+    drive uid=10041,peer=10042,bytes=1000,chunk=100,rate=400 \
+        uid=10043,peer=10044,bytes=10,hold=2500,keepalive=1 uid=10045,peer=10046,bytes=0,conns=600
+    run wakeup
+    local row
+    row=$(json wakeup)
+    check "one outbound wake-up and 10 heartbeats for 10041" \
+        test "$(jq '.[] | select(.uid == 10041) | "\(.outwakeup) \(.outImHb)"' <<<"$row")" = '"1 10"'
+    check "keep-alives reached 10043" \
+        test "$(jq '.[] | select(.uid == 10043) | .inKeepAlive // 0' <<<"$row")" -ge 1
+    say "The sequence maps overflowed: the live side set their flags (1, 2, 4)."
+    run maps | awk 'NR <= 2 || /seq|ack|overflowing/'
+    local reset
+    reset=$(run screen on 2000)
+    echo "$reset"
+    check "screen on reset them and logged the mask" grep -qF 'clear overflowing map:7' <<<"$reset"
+    run maps | awk 'NR <= 2 || /seq|ack/'
+    check "screen on emptied the sequence map" \
+        test "$("$kovractl" maps | awk '/sk_tcp_cookie_in_seq/ { print $6 }')" -eq 0
 }
 
 scenario() {
     kovractl=$1
-    echo "Sandbox: a private bpffs at /sys/fs/bpf with every map the services use, seeded."
-    run maps | head -4
-    echo "   Any map, decoded by its records, without a service and without changing it."
-    run dump screen_state app_freeze_config
-    traffic
-    freeze
+    traffic=$2
+    scratch=$(mktemp -d)
+    sent=$scratch/sent.json
+    trap 'rm -rf "$scratch"' EXIT
+    echo "Live sandbox: every map at its path, the programs attached to cgroup $KOVRA_LIVE_CGROUP."
+    traffic_totals
     speeds
-    wakeup
     blocking
-    printf '\nDemo finished: every family walked.\n'
+    freeze
+    wakeup
+    if ((failures == 0)); then
+        printf '\nDemo finished: all five families live, every check held.\n'
+    else
+        printf '\nDemo finished with %d failed checks.\n' "$failures"
+        exit 1
+    fi
 }
 
 # ---- Setting up and entering the sandbox ----
 
 if [[ ${1:-} == --scenario ]]; then
-    scenario "$2"
+    scenario "$2" "$3"
     exit
 fi
 if [[ $(id -u) -ne 0 ]]; then
-    echo "demo: needs root, for the sandbox's private bpffs (try: sudo bash scripts/demo.sh)" >&2
+    echo "demo: needs root, for the live sandbox (try: sudo bash scripts/demo.sh)" >&2
     exit 3
 fi
 if [[ ${1:-} == --kovractl ]]; then
     kovractl=$(realpath "$2")
+    traffic=$(realpath "${4:?demo: --kovractl PATH --traffic PATH}")
 else
     bash "$root/scripts/setup.sh"
     build=$root/build/demo
     cmake -S "$root" -B "$build" -DCMAKE_BUILD_TYPE=RelWithDebInfo -DKOVRA_BUILD_TESTS=OFF >/dev/null
-    cmake --build "$build" --target kovractl -j 2 >/dev/null
+    cmake --build "$build" --target kovractl kovra-traffic -j 2 >/dev/null
     kovractl=$build/tools/kovractl/kovractl
+    traffic=$build/sandbox/live/kovra-traffic
 fi
-exec "$kovractl" sandbox --seed demo -- bash "$root/scripts/demo.sh" --scenario "$kovractl"
+exec "$kovractl" sandbox --live -- bash "$root/scripts/demo.sh" --scenario "$kovractl" "$traffic"

@@ -1,12 +1,12 @@
 #!/usr/bin/env bash
 # Runs every test executable of a build (default build/release) under valgrind's memcheck and
-# fails on any memory error or definite or indirect leak. The stress test runs for
-# KOVRA_STRESS_SECONDS (default 5 here). Needs root, like the tests themselves.
+# fails on any memory error or definite or indirect leak. The live soak runs for
+# KOVRA_SOAK_SECONDS (default 5 here). Needs root, like the tests themselves.
 #   bash scripts/memcheck.sh [BUILD_DIR]
 set -uo pipefail
 cd "$(dirname "$0")/.."
 build=${1:-build/release}
-export KOVRA_STRESS_SECONDS=${KOVRA_STRESS_SECONDS:-5}
+export KOVRA_SOAK_SECONDS=${KOVRA_SOAK_SECONDS:-5}
 status=0
 mapfile -t tests < <(find "$build/tests" -maxdepth 1 -type f -name '*_tests' -perm -u+x | sort)
 ((${#tests[@]})) || { echo "memcheck: no test executable in $build/tests"; exit 1; }

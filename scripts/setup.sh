@@ -8,6 +8,7 @@ packages=(
     android-libbase-dev android-liblog-dev libfmt-dev
     libgtest-dev libbenchmark-dev
     clang libclang-rt-14-dev valgrind
+    jq
     libcli11-dev nlohmann-json3-dev
     libbpf-dev libnl-route-3-dev
     blueprint-tools golang-go golang-android-soong-dev golang-github-google-blueprint-dev

@@ -8,6 +8,8 @@
 # gtest summary and exit status from the serial console.
 #
 # Usage: bash scripts/test-arm64.sh    (as root; installs what is missing)
+#        KOVRA_ARM64_TARGETS="kovrabpf_live_tests ..." bash scripts/test-arm64.sh
+#                                      builds and runs only those test executables
 set -euo pipefail
 
 root=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
@@ -80,15 +82,19 @@ modules=$cache/kernel/lib/modules/$kernel_version
 cmake -S "$root" -B "$build" \
       -DCMAKE_TOOLCHAIN_FILE="$root/cmake/$triplet.cmake" \
       -DCMAKE_BUILD_TYPE=RelWithDebInfo
-cmake --build "$build" -j"$(nproc)"
+read -ra targets <<<"${KOVRA_ARM64_TARGETS:-all}"
+cmake --build "$build" -j"$(nproc)" --target "${targets[@]}"
 
 # The exported symbols must be the same list on both architectures.
 cmake -DNM="$triplet-nm" -DLIBRARY="$build/libkovrabpf.so" \
       -DEXPECTED="$root/tests/abi/kovrabpf.symbols" -P "$root/tests/abi/CheckExports.cmake"
 
 # Every test executable of the build, so a new test family needs no edit here.
+wanted='[^/]*'
+[[ ${KOVRA_ARM64_TARGETS:-} ]] && wanted=${KOVRA_ARM64_TARGETS// /|}
 mapfile -t tests < <(find "$build" -name CMakeFiles -prune -o \
-                          -type f -name '*_tests' -perm -u+x -print | sort)
+                          -type f -name '*_tests' -perm -u+x -print | sort |
+                     grep -E "/($wanted)\$")
 ((${#tests[@]})) || die "no *_tests executable in $build"
 
 # --- initramfs ------------------------------------------------------------

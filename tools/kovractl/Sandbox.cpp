@@ -1,15 +1,21 @@
 // kovractl sandbox: a private bpffs holding every map of the catalogue, for trying the services
-// on any Linux machine without the kernel side and without touching the machine's own maps.
+// on any Linux machine without touching the machine's own maps; with --live, the desk's own
+// kernel side fills them from real traffic.
 #include "Sandbox.h"
 
 #include <errno.h>
+#include <signal.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
+#include <Live.h>
 #include <kovrasandbox/Bpffs.h>
 #include <kovrasandbox/Maps.h>
+#include <kovrasandbox/Netns.h>
 #include <kovrasandbox/Seed.h>
 
 #include "Commands.h"
@@ -52,10 +58,66 @@ std::vector<char*> argvOf(std::vector<std::string>& command) {
     return argv;
 }
 
+// The live side: a network namespace of the sandbox's own, so that no traffic reaches the
+// machine's network, and the programs attached to a private cgroup.
+std::unique_ptr<live::LiveSide> goLive() {
+    sandbox::PrivateNetwork network;
+    if (const std::string problem = sandbox::enterPrivateNetwork(network); !problem.empty()) {
+        throw ToolError(kExitEnvironment, "sandbox: " + problem);
+    }
+    struct stat netns;
+    if (stat("/proc/self/ns/net", &netns) == 0) {
+        setenv(live::kNetnsEnv, std::to_string(netns.st_ino).c_str(), 1);
+    }
+    try {
+        auto live = std::make_unique<live::LiveSide>();
+        setenv(live::kCgroupEnv, live->cgroup().c_str(), 1);
+        return live;
+    } catch (const live::LiveError& e) {
+        throw ToolError(kExitEnvironment, std::string("sandbox: ") + e.what());
+    }
+}
+
+pid_t measured = 0;
+
+void forwardSignal(int sig) {
+    if (measured > 0) kill(measured, sig);
+}
+
+// Runs the command in the live side's cgroup and waits for it, so that the sandbox outlives it
+// and takes the programs and the cgroup down afterwards. Returns the command's exit status.
+int runMeasured(const live::LiveSide& live, std::vector<char*>& argv) {
+    measured = fork();
+    if (measured < 0) throw ToolError(kExitEnvironment, std::string("sandbox: fork: ") + strerror(errno));
+    if (measured == 0) {
+        try {
+            live::joinCgroup(live.cgroup());
+        } catch (const live::LiveError& e) {
+            fprintf(stderr, "kovractl: sandbox: %s\n", e.what());
+            _exit(kExitEnvironment);
+        }
+        execvp(argv[0], argv.data());
+        const int err = errno;
+        fprintf(stderr, "kovractl: sandbox: cannot run %s: %s\n", argv[0], strerror(err));
+        _exit(err == ENOENT ? 127 : 126);
+    }
+    // Like system(): the terminal's interrupt is the command's to handle; a termination is
+    // passed on.
+    signal(SIGINT, SIG_IGN);
+    signal(SIGQUIT, SIG_IGN);
+    signal(SIGTERM, forwardSignal);
+    signal(SIGHUP, forwardSignal);
+    int status = 0;
+    while (waitpid(measured, &status, 0) < 0 && errno == EINTR) {
+    }
+    return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+}
+
 }  // namespace
 
 int runSandbox(const SandboxOptions& options) {
-    const std::string kind = options.seed.empty() ? "empty" : "seeded";
+    const std::string kind =
+            std::string(options.live ? "live, " : "") + (options.seed.empty() ? "empty" : "seeded");
     if (const char* outer = getenv("KOVRA_SANDBOX"); outer != nullptr) {
         fprintf(stderr,
                 "kovractl sandbox: warning: already inside a sandbox (%s); this one hides its maps "
@@ -63,21 +125,27 @@ int runSandbox(const SandboxOptions& options) {
                 outer);
     }
     standUp(options.seed == "demo");
+    std::unique_ptr<live::LiveSide> live = options.live ? goLive() : nullptr;
 
     std::vector<std::string> command = options.command;
     if (command.empty()) {
         const char* shell = getenv("SHELL");
         command.push_back(shell != nullptr && *shell != '\0' ? shell : "/bin/sh");
         fprintf(stderr,
-                "kovractl sandbox (%s): private bpffs at %s with %zu maps; `kovractl` here is "
+                "kovractl sandbox (%s): private bpffs at %s with %zu maps%s; `kovractl` here is "
                 "this build's; leave the shell to drop it\n",
-                kind.c_str(), sandbox::kBpffs, android::bpf::kPinnedMaps.size());
+                kind.c_str(), sandbox::kBpffs, android::bpf::kPinnedMaps.size(),
+                live ? ", live programs attached to the cgroup of this shell" : "");
         // The prompt says where you are: Debian's bash prompt shows debian_chroot, sh shows PS1.
         setenv("debian_chroot", ("kovra sandbox: " + kind).c_str(), 1);
         setenv("PS1", ("(kovra sandbox: " + kind + ") \\w\\$ ").c_str(), 1);
     }
     setenv("KOVRA_SANDBOX", kind.c_str(), 1);
     putSelfOnPath();
+    if (live) {
+        std::vector<char*> argv = argvOf(command);
+        return runMeasured(*live, argv);
+    }
     // The command replaces this process, so its exit status is the sandbox's.
     std::vector<char*> argv = argvOf(command);
     execvp(argv[0], argv.data());
@@ -96,6 +164,10 @@ void addSandboxCommand(CLI::App& app, Context& ctx) {
             "Exits with COMMAND's status");
     command->add_option("--seed", opts->seed, "Fill the maps with a data set")
             ->check(CLI::IsMember({"demo"}));
+    command->add_flag("--live", opts->live,
+                      "Also a private network namespace and the live kernel side: the project's "
+                      "eBPF programs, attached to a private cgroup that COMMAND runs in, fill the "
+                      "maps from COMMAND's traffic (see docs/live.md)");
     // The command itself never reaches the parser: main() takes it off the command line.
     command->footer("COMMAND: everything after the sandbox's own options (or after --), passed on "
                     "untouched");

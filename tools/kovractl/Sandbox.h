@@ -8,12 +8,15 @@ namespace kovra::tool {
 struct SandboxOptions {
     std::string seed;                  // "demo", or empty for empty maps
     std::vector<std::string> command;  // empty: an interactive shell
+    bool live = false;                 // network namespace, cgroup and live programs too
 };
 
 // Enters a private mount namespace with its own bpffs at /sys/fs/bpf, creates every map of the
 // catalogue there, seeds the demo data when asked, then runs the command in place of this
 // process. Returns only when the command cannot be run (127 not found, 126 otherwise). Needs
 // root; throws a ToolError (exit 3) without it or when a step fails.
+// Live: the sandbox also enters a network namespace of its own, loads the live side and stays
+// as the parent of the command, which runs in the live side's cgroup; returns its exit status.
 int runSandbox(const SandboxOptions& options);
 
 }  // namespace kovra::tool

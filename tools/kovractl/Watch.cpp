@@ -184,7 +184,8 @@ int present(const Context& ctx, const ListOptions& options, const View& view) {
     if (!options.sort.empty()) columnIndex(allColumns(view, watching), options.sort);
     size_t total = 0;
     if (!watching) {
-        printListing(ctx, take(view, options, nullptr, total), total, view);
+        const Listing listing = take(view, options, nullptr, total);
+        printListing(ctx, listing, total, view);
         return kExitOk;
     }
     stopOnInterrupt();

@@ -1,0 +1,63 @@
+// The desk's live kernel side: the project's own eBPF programs, loaded over the catalogue maps
+// pinned at their paths and attached to a private cgroup v2 sub-cgroup, so that the traffic of
+// every process in that cgroup fills the maps the services read.
+#pragma once
+
+#include <stdint.h>
+#include <sys/types.h>
+
+#include <memory>
+#include <stdexcept>
+#include <string>
+
+namespace kovra::live {
+
+// The desk's own control map (not a catalogue map): UID -> non-zero while the UID is frozen.
+inline constexpr char kFrozenUidsPath[] = "/sys/fs/bpf/kovra_desk/live_frozen_uids";
+// Set for the processes of a live sandbox: the sub-cgroup whose traffic is measured.
+inline constexpr char kCgroupEnv[] = "KOVRA_LIVE_CGROUP";
+// Set likewise: the inode of the sandbox's own network namespace, the only one the traffic
+// driver sends in (whoever makes a private namespace for it declares it here).
+inline constexpr char kNetnsEnv[] = "KOVRA_LIVE_NETNS";
+
+// Why the live side could not start or be used; `cannotAttach` when the kernel refuses cgroup
+// programs altogether.
+struct LiveError : std::runtime_error {
+    LiveError(const std::string& what, bool cannotAttach = false)
+        : std::runtime_error(what), cannotAttach(cannotAttach) {}
+    bool cannotAttach;
+};
+
+class LiveSide {
+  public:
+    // Needs every catalogue map pinned in a private bpffs. Moves the process into a mount
+    // namespace of its own (a copy of the caller's) for a cgroup2 mount, makes the sub-cgroup,
+    // loads and attaches every program. Call it before the process starts threads (a mount
+    // namespace is the whole process's). Throws LiveError.
+    LiveSide();
+    // Detaches every program, ends what is left in the sub-cgroup and removes it.
+    ~LiveSide();
+    LiveSide(const LiveSide&) = delete;
+    LiveSide& operator=(const LiveSide&) = delete;
+
+    // The sub-cgroup's directory.
+    const std::string& cgroup() const { return mCgroup; }
+    // The number of programs attached.
+    size_t programs() const;
+
+  private:
+    struct Loaded;
+    void tearDown();
+    std::string mMount;
+    std::string mCgroup;
+    int mCgroupFd = -1;
+    std::unique_ptr<Loaded> mLoaded;
+};
+
+// Moves the calling process into the cgroup at `cgroup`. Throws LiveError.
+void joinCgroup(const std::string& cgroup);
+
+// Marks `uid` frozen or not in the desk's control map. Throws LiveError.
+void setFrozen(uint32_t uid, bool frozen);
+
+}  // namespace kovra::live
