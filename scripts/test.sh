@@ -1,6 +1,7 @@
 #!/usr/bin/env bash
-# Sets up, builds and runs every test: a sanitized build (AddressSanitizer and
-# UndefinedBehaviorSanitizer) first, then the same tests cross-built for 64-bit Arm on an arm64
+# Sets up, builds and runs every test: the share of test code and the device build (Soong over
+# Android.bp, every module's sources compiled as a device build compiles them) first, then a
+# sanitized build (AddressSanitizer and UndefinedBehaviorSanitizer), then the same tests cross-built for 64-bit Arm on an arm64
 # kernel under qemu, then a libFuzzer run of every fuzz family (FUZZ_SECONDS each, 20 by default),
 # then the plain build, whose tests run once under valgrind's memcheck and once as they are; that
 # last ctest summary closes the run.
