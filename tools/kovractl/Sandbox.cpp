@@ -12,13 +12,18 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <Live.h>
 #include <kovrasandbox/Bpffs.h>
 #include <kovrasandbox/Maps.h>
 #include <kovrasandbox/Netns.h>
 #include <kovrasandbox/Seed.h>
 
 #include "Commands.h"
+
+// The live side is the desk's own stand-in for the platform's eBPF programs; a device build of
+// kovractl, where the platform's programs fill the maps, has none and no --live.
+#ifdef KOVRA_LIVE_SIDE
+#include <Live.h>
+#endif
 
 namespace kovra::tool {
 namespace {
@@ -58,6 +63,7 @@ std::vector<char*> argvOf(std::vector<std::string>& command) {
     return argv;
 }
 
+#ifdef KOVRA_LIVE_SIDE
 // The live side: a network namespace of the sandbox's own, so that no traffic reaches the
 // machine's network, and the programs attached to a private cgroup.
 std::unique_ptr<live::LiveSide> goLive() {
@@ -88,7 +94,8 @@ void forwardSignal(int sig) {
 // and takes the programs and the cgroup down afterwards. Returns the command's exit status.
 int runMeasured(const live::LiveSide& live, std::vector<char*>& argv) {
     measured = fork();
-    if (measured < 0) throw ToolError(kExitEnvironment, std::string("sandbox: fork: ") + strerror(errno));
+    if (measured < 0)
+        throw ToolError(kExitEnvironment, std::string("sandbox: fork: ") + strerror(errno));
     if (measured == 0) {
         try {
             live::joinCgroup(live.cgroup());
@@ -113,6 +120,8 @@ int runMeasured(const live::LiveSide& live, std::vector<char*>& argv) {
     return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
 }
 
+#endif
+
 }  // namespace
 
 int runSandbox(const SandboxOptions& options) {
@@ -125,7 +134,11 @@ int runSandbox(const SandboxOptions& options) {
                 outer);
     }
     standUp(options.seed == "demo");
+#ifdef KOVRA_LIVE_SIDE
     std::unique_ptr<live::LiveSide> live = options.live ? goLive() : nullptr;
+#else
+    const bool live = false;
+#endif
 
     std::vector<std::string> command = options.command;
     if (command.empty()) {
@@ -142,10 +155,12 @@ int runSandbox(const SandboxOptions& options) {
     }
     setenv("KOVRA_SANDBOX", kind.c_str(), 1);
     putSelfOnPath();
+#ifdef KOVRA_LIVE_SIDE
     if (live) {
         std::vector<char*> argv = argvOf(command);
         return runMeasured(*live, argv);
     }
+#endif
     // The command replaces this process, so its exit status is the sandbox's.
     std::vector<char*> argv = argvOf(command);
     execvp(argv[0], argv.data());
@@ -164,13 +179,16 @@ void addSandboxCommand(CLI::App& app, Context& ctx) {
             "Exits with COMMAND's status");
     command->add_option("--seed", opts->seed, "Fill the maps with a data set")
             ->check(CLI::IsMember({"demo"}));
+#ifdef KOVRA_LIVE_SIDE
     command->add_flag("--live", opts->live,
                       "Also a private network namespace and the live kernel side: the project's "
                       "eBPF programs, attached to a private cgroup that COMMAND runs in, fill the "
                       "maps from COMMAND's traffic (see docs/live.md)");
+#endif
     // The command itself never reaches the parser: main() takes it off the command line.
-    command->footer("COMMAND: everything after the sandbox's own options (or after --), passed on "
-                    "untouched");
+    command->footer(
+            "COMMAND: everything after the sandbox's own options (or after --), passed on "
+            "untouched");
     onRun(command, ctx, [&ctx, opts] {
         opts->command = ctx.sandboxCommand;
         return runSandbox(*opts);
