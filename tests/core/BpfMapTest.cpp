@@ -18,12 +18,12 @@ constexpr PinnedMap<uint32_t, uint64_t> kMap{"/sys/fs/bpf/map_test_u32_u64_map"}
 
 class BpfMapTest : public KernelTest {};
 
-void fill(const TestMap<uint32_t, uint64_t>& map, uint32_t n) {
+void fill(const TypedMap<uint32_t, uint64_t>& map, uint32_t n) {
     for (uint32_t k = 1; k <= n; ++k) ASSERT_TRUE(map.put(k, k * 10ull));
 }
 
 TEST_F(BpfMapTest, SingleOperationsReportMessageAndErrno) {
-    TestMap map(kMap);
+    TypedMap map(kMap);
     ASSERT_TRUE(map.put(7, 70));
     BpfMap<uint32_t, uint64_t> handle(kMap);
 
@@ -55,7 +55,7 @@ TEST_F(BpfMapTest, SingleOperationsReportMessageAndErrno) {
 }
 
 TEST_F(BpfMapTest, WalkVisitsEveryEntryAndToleratesDeletingTheCurrentOne) {
-    TestMap map(kMap);
+    TypedMap map(kMap);
     BpfMap<uint32_t, uint64_t> handle(kMap);
     int calls = 0;
     auto count = [&](const uint32_t&, const uint64_t&, const BpfMapRO<uint32_t, uint64_t>&) {
@@ -80,7 +80,7 @@ TEST_F(BpfMapTest, WalkVisitsEveryEntryAndToleratesDeletingTheCurrentOne) {
 }
 
 TEST_F(BpfMapTest, WalkStopsAtTheFirstFailingStepOrCallback) {
-    TestMap map(kMap);
+    TypedMap map(kMap);
     fill(map, 5);
     const BpfMapRO<uint32_t, uint64_t> handle(kMap);
     int calls = 0;
@@ -112,7 +112,7 @@ TEST_F(BpfMapTest, WalkStopsAtTheFirstFailingStepOrCallback) {
 }
 
 TEST_F(BpfMapTest, EntryDeletedBehindTheWalkEndsItWithReadValueEnoent) {
-    TestMap map(kMap);
+    TypedMap map(kMap);
     fill(map, 3);
     const auto order = map.keys();
     const BpfMapRO<uint32_t, uint64_t> handle(kMap);
@@ -127,7 +127,7 @@ TEST_F(BpfMapTest, EntryDeletedBehindTheWalkEndsItWithReadValueEnoent) {
 }
 
 TEST_F(BpfMapTest, ClearEmptiesTheMapAndLogsOnlyRealDeleteFailures) {
-    TestMap map(kMap, 2048);
+    TypedMap map(kMap, 2048);
     fill(map, 1000);
     BpfMap<uint32_t, uint64_t> handle(kMap);
     // A key deleted by someone else (ENOENT) is no failure: clear goes on.
@@ -155,7 +155,7 @@ TEST_F(BpfMapTest, ClearEmptiesTheMapAndLogsOnlyRealDeleteFailures) {
 }
 
 TEST_F(BpfMapTest, HandleClosesItsDescriptorAndKeepsErrno) {
-    TestMap map(kMap);
+    TypedMap map(kMap);
     const int before = openFdCount();
     {
         BpfMap<uint32_t, uint64_t> rw(kMap);
@@ -183,7 +183,7 @@ TEST_F(BpfMapDeathTest, MissingOrMisshapenMapsAbort) {
 }
 
 TEST_F(BpfMapDeathTest, MapFlagsDecideWhichHandleMayOpenIt) {
-    TestMap map(kMap);
+    TypedMap map(kMap);
     reportMapFlags(BPF_F_RDONLY);
     const BpfMapRO<uint32_t, uint64_t> ro(kMap);
     EXPECT_GE(ro.getMap().get(), 0) << "read-only maps are fine for reading";
@@ -199,7 +199,7 @@ TEST_F(BpfMapDeathTest, MapFlagsDecideWhichHandleMayOpenIt) {
 }
 
 TEST_F(BpfMapDeathTest, InfoQueriesThatFailOrReplyShortAbort) {
-    TestMap map(kMap);
+    TypedMap map(kMap);
     // Each of the three info queries (flags, key size, value size) is needed.
     for (int nth = 1; nth <= 3; ++nth) {
         SCOPED_TRACE(nth);
@@ -235,7 +235,7 @@ int openRaw(const char* path) {
 }
 
 TEST_F(BpfMapDeathTest, ReadWriteOpenersShareTheLockAndAWriteLockExcludesThem) {
-    TestMap map(kMap);
+    TypedMap map(kMap);
     const uint32_t id = map.id();
     const int probe = openRaw(kMap.path);
     ASSERT_GE(probe, 0);
@@ -257,7 +257,7 @@ TEST_F(BpfMapDeathTest, ReadWriteOpenersShareTheLockAndAWriteLockExcludesThem) {
 }
 
 TEST_F(BpfMapDeathTest, MapIdDecidesWhetherTheLockCanBeTaken) {
-    TestMap map(kMap);
+    TypedMap map(kMap);
     // Query order of a read-write open: the lock's id query comes first.
     auto replyToFirstInfo = [](std::function<long(bpf_attr&)> reply) {
         setBpfHook([reply](int cmd, bpf_attr& attr, unsigned, int nth) -> std::optional<long> {

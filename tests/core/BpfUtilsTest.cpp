@@ -89,7 +89,7 @@ TEST_F(BpfLockTest, NegativeDescriptorComesBackUntouched) {
 }
 
 TEST_F(BpfLockTest, RefusedLockClosesTheDescriptor) {
-    TestMap map(kMap);
+    TypedMap map(kMap);
     bpf_attr get{};
     get.pathname = reinterpret_cast<uintptr_t>(kMap.path);
     const int holder = static_cast<int>(realBpf(BPF_OBJ_GET, &get, sizeof(get)));

@@ -54,7 +54,7 @@ void checkCopier(size_t index, const PinnedMap<K, V>& pinned, int (*service)(Tab
     using Key = typename Table::key_type;
     using Mapped = typename Table::mapped_type;
     SCOPED_TRACE(pinned.path);
-    TestMap map(pinned);  // stays pinned, so later services find it with its own values
+    TypedMap map(pinned);  // stays pinned, so later services find it with its own values
     if (kind == Kind::kRead) reportMapFlags(BPF_F_RDONLY);  // a read-only map is fine to read
     const Mapped old = widened<Mapped>(valueOf<V>(99, 1));
     const Table callers{{Key(kCallersKey), old}, {Key(kCallersOnly), old}};

@@ -12,8 +12,8 @@ class NetworkBlockingTest : public KernelTest {};
 constexpr int kAllow = 1;
 
 TEST_F(NetworkBlockingTest, DisableWritesOneAndEnableDeletesIt) {
-    TestMap disconn(maps::kAppNetDisconnLimit);
-    TestMap legacy(maps::kAppVuskLimit);
+    TypedMap disconn(maps::kAppNetDisconnLimit);
+    TypedMap legacy(maps::kAppVuskLimit);
     ASSERT_TRUE(disconn.put(10123, 7));
     EXPECT_EQ(0, noLeak([] { return bpfDisableNetwork(10123); }));
     EXPECT_EQ(0, noLeak([] { return bpfDisableNetwork(10123); })) << "blocking twice is fine";
@@ -37,8 +37,8 @@ TEST_F(NetworkBlockingTest, DisableWritesOneAndEnableDeletesIt) {
 }
 
 TEST_F(NetworkBlockingTest, LegacySwitchBlocksForEveryRuleButOne) {
-    TestMap legacy(maps::kAppVuskLimit);
-    TestMap disconn(maps::kAppNetDisconnLimit);
+    TypedMap legacy(maps::kAppVuskLimit);
+    TypedMap disconn(maps::kAppNetDisconnLimit);
     for (int rule : {0, 2, -1, INT_MIN}) {
         SCOPED_TRACE(rule);
         EXPECT_EQ(0, noLeak([&] { return bpfLegacySetFirewall(-2, rule); }));
@@ -54,8 +54,8 @@ TEST_F(NetworkBlockingTest, LegacySwitchBlocksForEveryRuleButOne) {
 
 TEST_F(NetworkBlockingTest, RefusedWritesReturnMinusOneSilently) {
     // Full maps: the kernel refuses a new key but still lets an existing one be replaced.
-    TestMap disconn(maps::kAppNetDisconnLimit, /*maxEntries=*/1);
-    TestMap legacy(maps::kAppVuskLimit, /*maxEntries=*/1);
+    TypedMap disconn(maps::kAppNetDisconnLimit, /*maxEntries=*/1);
+    TypedMap legacy(maps::kAppVuskLimit, /*maxEntries=*/1);
     ASSERT_TRUE(disconn.put(5, 0));
     ASSERT_TRUE(legacy.put(5, 0));
     EXPECT_EQ(-1, noLeak([] { return bpfDisableNetwork(6); }));

@@ -57,7 +57,7 @@ void inFreshProcess(const std::function<void()>& body) {
 }
 
 TEST_F(AppFreezeConfigTest, GetReadsKeyOneThroughAReadWriteHandle) {
-    TestMap map(maps::kAppFreezeConfig);
+    TypedMap map(maps::kAppFreezeConfig);
     ASSERT_TRUE(map.put(0, {9, 9, 9}));
     AppFreezeConfig config{4, 5, 6};
     EXPECT_EQ(-ENOENT, noLeak([&] { return bpfGetAppFreezeConfig(config); }));
@@ -80,7 +80,7 @@ TEST_F(AppFreezeConfigTest, GetReadsKeyOneThroughAReadWriteHandle) {
 
 TEST_F(AppFreezeConfigTest, ThreeZerosAreSkippedOnlyUntilTheFirstWrite) {
     inFreshProcess([] {
-        TestMap map(maps::kAppFreezeConfig);
+        TypedMap map(maps::kAppFreezeConfig);
         EXPECT_EQ(std::pair(0, false), set({0, 0, 0}));
         EXPECT_EQ(0u, map.size());
         EXPECT_TRUE(takeLogs().empty());
@@ -98,7 +98,7 @@ TEST_F(AppFreezeConfigTest, ThreeZerosAreSkippedOnlyUntilTheFirstWrite) {
 
 TEST_F(AppFreezeConfigTest, RepeatingTheLastWriteIsSkippedWhateverTheMapHolds) {
     inFreshProcess([] {
-        TestMap map(maps::kAppFreezeConfig);
+        TypedMap map(maps::kAppFreezeConfig);
         EXPECT_EQ(std::pair(0, true), set({1, 2, 3}));
         takeLogs();
         // Another process changes the record; this one neither notices nor, by reading it,
@@ -120,7 +120,7 @@ TEST_F(AppFreezeConfigTest, RepeatingTheLastWriteIsSkippedWhateverTheMapHolds) {
 TEST_F(AppFreezeConfigTest, FailedWriteIsTriedAgain) {
     inFreshProcess([] {
         // A full map: the kernel refuses the new key 1.
-        TestMap map(maps::kAppFreezeConfig, /*maxEntries=*/1);
+        TypedMap map(maps::kAppFreezeConfig, /*maxEntries=*/1);
         ASSERT_TRUE(map.put(0, {9, 9, 9}));
         EXPECT_EQ(std::pair(-E2BIG, true), set({5, 6, 7}));
         EXPECT_EQ(std::vector{errorLine(

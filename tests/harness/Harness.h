@@ -29,6 +29,7 @@
 
 #include <kovrasandbox/Bpffs.h>
 #include <kovrasandbox/Maps.h>
+#include <kovrasandbox/Netns.h>
 
 namespace kovra::test {
 
@@ -39,16 +40,11 @@ using sandbox::openFdCount;
 using sandbox::RawMap;
 using sandbox::sameBytes;
 
-// A catalogue map created and pinned for a test (sandbox::TypedMap).
-template <typename K, typename V>
-class TestMap : public sandbox::TypedMap<K, V> {
-  public:
-    using sandbox::TypedMap<K, V>::TypedMap;
-};
-template <typename K, typename V>
-TestMap(const PinnedMap<K, V>&) -> TestMap<K, V>;
-template <typename K, typename V>
-TestMap(const PinnedMap<K, V>&, uint32_t) -> TestMap<K, V>;
+using sandbox::TypedMap;
+
+// The process's private network namespace with lo and a veth pair (sandbox/Netns.h), entered by
+// the first call and kept; null, and a test failure, when it cannot be set up.
+const sandbox::PrivateNetwork* testNetwork();
 
 // ---- Log capture ----
 

@@ -28,6 +28,13 @@ void KernelTest::TearDown() {
     resetInterposers();
 }
 
+const sandbox::PrivateNetwork* testNetwork() {
+    static sandbox::PrivateNetwork network;
+    static const std::string problem = sandbox::enterPrivateNetwork(network);
+    EXPECT_EQ("", problem) << "cannot set up the private network namespace";
+    return problem.empty() ? &network : nullptr;
+}
+
 void useReexecDeathTests() {
     GTEST_FLAG_SET(death_test_style, "threadsafe");
 }

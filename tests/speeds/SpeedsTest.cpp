@@ -11,7 +11,6 @@
 #include <netutils/ifc.h>
 
 #include "Harness.h"
-#include "Netns.h"
 
 namespace kovra::test {
 namespace {
@@ -109,10 +108,10 @@ using Gathered = std::tuple<std::vector<uint32_t>, std::vector<uint64_t>, std::v
 
 // Every map the speed services touch.
 struct SpeedMaps {
-    TestMap<uint32_t, IfIndexSpeedConfig> interfaces{maps::kAppSocketSpeedsIfindex};
-    TestMap<uint64_t, SpeedsValue> sockets{maps::kAppSocketSpeeds};
-    TestMap<uint64_t, SocketTuple> info{maps::kAppSocketInfo};
-    TestMap<UidIfindexKey, SpeedsValue> uids{maps::kAppUidSpeeds};
+    TypedMap<uint32_t, IfIndexSpeedConfig> interfaces{maps::kAppSocketSpeedsIfindex};
+    TypedMap<uint64_t, SpeedsValue> sockets{maps::kAppSocketSpeeds};
+    TypedMap<uint64_t, SocketTuple> info{maps::kAppSocketInfo};
+    TypedMap<UidIfindexKey, SpeedsValue> uids{maps::kAppUidSpeeds};
 
     // Socket 10 + n and UID 100 + n were measured on interface n, and UID 1007 on interface 8
     // although its key names interface 7.
@@ -195,8 +194,8 @@ TEST_F(SocketSpeedsTest, ReportAppliesStalenessFloorAndWatchListAndPrunes) {
 using SocketSpeedsDeathTest = SocketSpeedsTest;
 
 TEST_F(SocketSpeedsDeathTest, MissingSocketInformationEndsTheProcessBeforeAnyPruning) {
-    TestMap speedsMap(maps::kAppSocketSpeeds);
-    TestMap interfaces(maps::kAppSocketSpeedsIfindex);
+    TypedMap speedsMap(maps::kAppSocketSpeeds);
+    TypedMap interfaces(maps::kAppSocketSpeedsIfindex);
     ASSERT_TRUE(speedsMap.put(1, speedRecord(3, 1, kAtBoot, 1, kAtBoot)));
     SpeedsTable speeds;
     WatchList watched;
@@ -204,11 +203,13 @@ TEST_F(SocketSpeedsDeathTest, MissingSocketInformationEndsTheProcessBeforeAnyPru
     EXPECT_EQ(1u, speedsMap.size());
 }
 
-class SocketLocalityTest : public NetnsTest {};
+class SocketLocalityTest : public KernelTest {};
 
 TEST_F(SocketLocalityTest, LocalSocketsAreLeftOutOnlyWhereTheInterfaceAsks) {
     SpeedMaps kernel;
-    const TestNetwork& net = network();
+    const sandbox::PrivateNetwork* network = testNetwork();
+    ASSERT_TRUE(network);
+    const sandbox::PrivateNetwork& net = *network;
     const uint64_t now = monotonicNow();
     const SocketTuple sockets[] = {
             socketOn(net.subnet, "192.0.2.9"),     // 1: in kovra0's subnet
@@ -268,7 +269,7 @@ class UidSpeedsTest : public KernelTest {};
 // The caller's clock makes the threshold exact: ages are whole milliseconds, and an age equal to
 // the threshold is still fresh.
 TEST_F(UidSpeedsTest, InternalWalkJudgesAgesAtTheCallersClock) {
-    TestMap kernel(maps::kAppUidSpeeds);
+    TypedMap kernel(maps::kAppUidSpeeds);
     const uint64_t now = 1'000'000 * 1'000'000'000ull;
     const uint64_t atLimit = now - kStaleMs * kNsPerMs, justStale = atLimit - kNsPerMs;
     constexpr uint64_t kPruned = ~0ull;
@@ -298,7 +299,7 @@ TEST_F(UidSpeedsTest, InternalWalkJudgesAgesAtTheCallersClock) {
 }
 
 TEST_F(UidSpeedsTest, ServiceUsesTheMonotonicClockAndHidesAWalkError) {
-    TestMap kernel(maps::kAppUidSpeeds);
+    TypedMap kernel(maps::kAppUidSpeeds);
     const uint64_t now = monotonicNow();
     ASSERT_TRUE(kernel.put({1, 1}, speedRecord(1, 3'000, now, 4'000, now)));
     ASSERT_TRUE(kernel.put({2, 1}, speedRecord(1, 3'000, kAtBoot, 4'000, kAtBoot)));
@@ -377,7 +378,7 @@ TEST_F(InterfaceBindingTest, SweepsAloneDeleteByTheValuesInterfaceAndReportWalkE
 }
 
 TEST_F(InterfaceBindingTest, ConfigWordGoesUnderKeyZeroAndARejectedWriteStillSucceeds) {
-    TestMap config(maps::kAppSocketSpeedsConfig);
+    TypedMap config(maps::kAppSocketSpeedsConfig);
     EXPECT_EQ(0, noLeak([] { return bpfUpdateAppSocketSpeedsConfig(0xDEADBEEF); }));
     EXPECT_EQ(std::vector<uint32_t>{0}, config.keys());
     EXPECT_EQ(0xDEADBEEF, config.get(0));

@@ -13,7 +13,7 @@ class UidStatsTest : public KernelTest {};
 KovraStatsValue kovra(uint64_t seed) { return {seed, seed + 1, seed + 2, seed + 3, seed + 4, seed + 5}; }
 
 TEST_F(UidStatsTest, SingleUidLookup) {
-    TestMap map(maps::kUidPurStats);
+    TypedMap map(maps::kUidPurStats);
     ASSERT_TRUE(map.put(kMaxUid, kovra(7)));
     KovraStatsValue out = kovra(100);
     EXPECT_EQ(0, noLeak([&] { return bpfGetUidPurStats(kMaxUid, out); }));

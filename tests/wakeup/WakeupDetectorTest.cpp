@@ -16,7 +16,7 @@ using namespace android::bpf;
 class WakeupCountersDeathTest : public KernelTest {};
 
 TEST_F(WakeupCountersDeathTest, HeartbeatLengthIsCreatedOrReplacedInAWritableMapOnly) {
-    TestMap map(maps::kImAppHbLen, 2);
+    TypedMap map(maps::kImAppHbLen, 2);
     EXPECT_EQ(0, noLeak([] { return bpfAddAppImHbLenMap(10123, 300); }));
     EXPECT_EQ(0, noLeak([] { return bpfAddAppImHbLenMap(10123, 120); }));
     EXPECT_EQ(0, noLeak([] { return bpfAddAppImHbLenMap(10200, 45); }));
@@ -35,15 +35,15 @@ constexpr uint32_t kEntries = 3;
 
 // Every map a screen-state change may touch.
 struct DetectorMaps {
-    TestMap<uint32_t, uint64_t> screen{maps::kScreenState};
-    TestMap<uint32_t, uint32_t> check{maps::kOverflowingMapCheck};
-    TestMap<uint32_t, uint32_t> hbLen{maps::kImAppHbLen};
-    TestMap<uint64_t, uint32_t> inSeq{maps::kSkTcpCookieInSeq};
-    TestMap<uint64_t, uint32_t> outSeq{maps::kSkTcpCookieOutSeq};
-    TestMap<uint64_t, uint32_t> outAck{maps::kSkTcpCookieOutAck};
-    TestMap<uint32_t, uint64_t> inWakeup{maps::kAppTcpInwakeup};
-    TestMap<uint32_t, uint64_t> outWakeup{maps::kAppTcpOutwakeup};
-    TestMap<uint32_t, uint64_t> wakeupDuration{maps::kAppTcpWakeupduration};
+    TypedMap<uint32_t, uint64_t> screen{maps::kScreenState};
+    TypedMap<uint32_t, uint32_t> check{maps::kOverflowingMapCheck};
+    TypedMap<uint32_t, uint32_t> hbLen{maps::kImAppHbLen};
+    TypedMap<uint64_t, uint32_t> inSeq{maps::kSkTcpCookieInSeq};
+    TypedMap<uint64_t, uint32_t> outSeq{maps::kSkTcpCookieOutSeq};
+    TypedMap<uint64_t, uint32_t> outAck{maps::kSkTcpCookieOutAck};
+    TypedMap<uint32_t, uint64_t> inWakeup{maps::kAppTcpInwakeup};
+    TypedMap<uint32_t, uint64_t> outWakeup{maps::kAppTcpOutwakeup};
+    TypedMap<uint32_t, uint64_t> wakeupDuration{maps::kAppTcpWakeupduration};
 
     // Gives the heartbeat map and the six flaggable maps kEntries entries each.
     void fill() const {
@@ -61,7 +61,7 @@ struct DetectorMaps {
 };
 
 template <typename K, typename V>
-std::vector<std::pair<K, V>> entries(const TestMap<K, V>& map) {
+std::vector<std::pair<K, V>> entries(const TypedMap<K, V>& map) {
     std::vector<std::pair<K, V>> out;
     for (const K& key : map.keys()) out.emplace_back(key, *map.get(key));
     std::sort(out.begin(), out.end());
