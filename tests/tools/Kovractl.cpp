@@ -1,14 +1,12 @@
 #include "Kovractl.h"
 
 #include <fcntl.h>
-#include <grp.h>
+#include <sched.h>
 #include <stdlib.h>
 #include <string.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <filesystem>
-#include <sstream>
 
 namespace kovra::test {
 
@@ -24,38 +22,6 @@ std::string drain(int fd) {
     return text;
 }
 
-// A copy of kovractl and the libraries it loads from the build tree, in a directory every user
-// can enter: the checkout may sit where other users cannot (a 0700 home, a mktemp directory), and
-// running the build tree's binary as another user would then fail before kovractl ever ran.
-// Made once, removed when the test process exits. Empty when it could not be made.
-const std::string& reachableCopyDir() {
-    static const std::string dir = [] {
-        std::error_code error;
-        // Static, so that the exit handler below still finds it after `dir` is destroyed.
-        static char name[] = "/tmp/kovractl-user-XXXXXX";
-        if (mkdtemp(name) == nullptr) return std::string();
-        std::filesystem::permissions(name, std::filesystem::perms(0755), error);
-        std::istringstream libs(KOVRACTL_LIBS);
-        std::vector<std::string> files{KOVRACTL_PATH};
-        for (std::string lib; std::getline(libs, lib, ':');) files.push_back(lib);
-        for (const std::string& file : files) {
-            const auto target =
-                    std::filesystem::path(name) / std::filesystem::path(file).filename();
-            if (!error) std::filesystem::copy_file(file, target, error);
-        }
-        if (error) {
-            std::filesystem::remove_all(name, error);
-            return std::string();
-        }
-        atexit([] {
-            std::error_code ignored;
-            std::filesystem::remove_all(name, ignored);
-        });
-        return std::string(name);
-    }();
-    return dir;
-}
-
 // Says on the child's stderr why kovractl did not run, so that a test reports its own plumbing
 // rather than an exit code kovractl never gave.
 [[noreturn]] void plumbingFailed(const std::string& what, int exitCode) {
@@ -64,16 +30,15 @@ const std::string& reachableCopyDir() {
     _exit(exitCode);
 }
 
-[[noreturn]] void execKovractl(const std::vector<std::string>& args, int asUser,
-                               const std::string& binary, int out, int err) {
+[[noreturn]] void execKovractl(const std::vector<std::string>& args, bool asNonRoot, int out,
+                               int err) {
     dup2(out, STDOUT_FILENO);
     dup2(err, STDERR_FILENO);
-    if (asUser != 0) {
-        if (setgroups(0, nullptr) != 0 || setgid(asUser) != 0 || setuid(asUser) != 0) {
-            plumbingFailed("cannot become uid " + std::to_string(asUser), 125);
-        }
-        setenv("LD_LIBRARY_PATH", std::filesystem::path(binary).parent_path().c_str(), 1);
-    }
+    // In a user namespace of its own, with no uid mapped, the child's effective uid reads as the
+    // overflow uid and it holds no capability over the machine's maps: a non-root user, as far
+    // as kovractl can tell. Its files stay reachable wherever the checkout sits.
+    if (asNonRoot && unshare(CLONE_NEWUSER) != 0) plumbingFailed("cannot leave root", 125);
+    const std::string binary = KOVRACTL_PATH;
     std::vector<char*> argv{const_cast<char*>(binary.c_str())};
     for (const std::string& arg : args) argv.push_back(const_cast<char*>(arg.c_str()));
     argv.push_back(nullptr);
@@ -89,13 +54,7 @@ std::ostream& operator<<(std::ostream& os, const Outcome& run) {
               << run.err;
 }
 
-Outcome kovractl(const std::vector<std::string>& args, int asUser, const char* out) {
-    std::string binary = KOVRACTL_PATH;
-    if (asUser != 0) {
-        if (reachableCopyDir().empty())
-            return {-1, "", "cannot copy kovractl where any user can run it"};
-        binary = reachableCopyDir() + "/" + std::filesystem::path(binary).filename().string();
-    }
+Outcome kovractl(const std::vector<std::string>& args, bool asNonRoot, const char* out) {
     int pipeOut[2], pipeErr[2];
     if (pipe2(pipeOut, O_CLOEXEC) != 0 || pipe2(pipeErr, O_CLOEXEC) != 0) return {-1, "", "pipe"};
     if (out != nullptr) {
@@ -103,7 +62,7 @@ Outcome kovractl(const std::vector<std::string>& args, int asUser, const char* o
         pipeOut[1] = open(out, O_WRONLY | O_CLOEXEC);
     }
     const pid_t pid = fork();
-    if (pid == 0) execKovractl(args, asUser, binary, pipeOut[1], pipeErr[1]);
+    if (pid == 0) execKovractl(args, asNonRoot, pipeOut[1], pipeErr[1]);
     close(pipeOut[1]);
     close(pipeErr[1]);
     // Outputs are small; stderr is read after stdout without risk of the child blocking on it.

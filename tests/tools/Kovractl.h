@@ -21,9 +21,10 @@ struct Outcome {
 };
 std::ostream& operator<<(std::ostream& os, const Outcome& run);
 
-// Runs kovractl with `args` and waits for it. `asUser` runs a copy of it, in a directory that
-// user can reach, with that uid instead of root; `out` names a file to take its stdout.
-Outcome kovractl(const std::vector<std::string>& args, int asUser = 0, const char* out = nullptr);
+// Runs kovractl with `args` and waits for it, as root or as a user who is not; `out` names a file
+// to take its stdout.
+Outcome kovractl(const std::vector<std::string>& args, bool asNonRoot = false,
+                 const char* out = nullptr);
 
 // kovractl's stdout parsed as JSON (a test failure when it is not).
 nlohmann::json jsonOf(const Outcome& run);

@@ -56,26 +56,26 @@ Holder directoryAt(const char* path) {
 struct EnvironmentCase {
     std::function<Holder()> setup;
     std::vector<std::string> args;
-    int asUser;
+    bool asNonRoot;
     std::vector<std::string> lines;  // on stderr, one per problem
     std::string map, state;          // and what `kovractl maps` says of the map
 };
 
 const std::vector<EnvironmentCase> kEnvironmentCases = {
-        {[] { return nullptr; }, {"net", "block", "5"}, 65534, {"kovractl: needs root"}, "", ""},
-        {[] { return nullptr; }, {"sandbox", "--seed", "demo"}, 65534,
+        {[] { return nullptr; }, {"net", "block", "5"}, true, {"kovractl: needs root"}, "", ""},
+        {[] { return nullptr; }, {"sandbox", "--seed", "demo"}, true,
          {"kovractl: sandbox: needs root"}, "", ""},
         {[] { unlink(maps::kNetdAppUidStats.path); return Holder(); },
-         {"stats", "uids"}, 0, {"app_uid_stats_map: missing: not pinned"}, "app_uid_stats", "missing"},
+         {"stats", "uids"}, false, {"app_uid_stats_map: missing: not pinned"}, "app_uid_stats", "missing"},
         {[] { return std::make_shared<RawMap>(maps::kUidPurStats.path, 4, 49); },
-         {"stats", "pur"}, 0,
+         {"stats", "pur"}, false,
          {"uid_pur_stats_map: wrong-size: key/value sizes 4/49, expected 4/48"}, "uid_pur_stats",
          "wrong-size"},
         {[] { return perCpuAt(maps::kAppUidSpeeds.path, 8, 88); },
-         {"speeds", "uids", "--stale-ms", "1"}, 0,
+         {"speeds", "uids", "--stale-ms", "1"}, false,
          {"app_uid_speeds_map: wrong-type: type percpu_hash, expected hash"}, "app_uid_speeds",
          "wrong-type"},
-        {[] { return writeLocked(maps::kAppNetDisconnLimit.path); }, {"net", "block", "5"}, 0,
+        {[] { return writeLocked(maps::kAppNetDisconnLimit.path); }, {"net", "block", "5"}, false,
          {"app_net_disconn_limit_map: locked: write-locked by another process"},
          "app_net_disconn_limit", "locked"},
         // Every problem of a command in one run, a line each.
@@ -83,7 +83,7 @@ const std::vector<EnvironmentCase> kEnvironmentCases = {
              perCpuAt(maps::kAppSocketSpeeds.path, 8, 88);
              return directoryAt(maps::kAppSocketInfo.path);
          },
-         {"speeds", "sockets", "--stale-ms", "1", "--min-kbps", "1"}, 0,
+         {"speeds", "sockets", "--stale-ms", "1", "--min-kbps", "1"}, false,
          {"app_socket_speeds_map: wrong-type", "app_socket_info_map: not-a-map: a directory"},
          "app_socket_info", "not-a-map"},
 };
@@ -93,7 +93,7 @@ TEST_F(KovractlTest, EnvironmentProblemsExitThreeAndTouchNothing) {
         fresh();
         const Holder holder = c.setup();
         const Snapshot before = snapshotMaps();
-        const Outcome run = kovractl(c.args, c.asUser);
+        const Outcome run = kovractl(c.args, c.asNonRoot);
         EXPECT_EQ(3, run.exitCode) << line(c.args) << run;
         for (const std::string& expected : c.lines) EXPECT_TRUE(contains(run.err, expected)) << run;
         EXPECT_TRUE(before == snapshotMaps()) << line(c.args) << " changed a map";
@@ -159,7 +159,7 @@ TEST_F(KovractlTest, RemovalsAreReportedWithTheirCounts) {
     // A harvest whose output is lost says so and fails.
     fresh();
     for (const char* format : {"-j", "-v"}) {
-        const Outcome full = kovractl({format, "freeze", "stats"}, 0, "/dev/full");
+        const Outcome full = kovractl({format, "freeze", "stats"}, false, "/dev/full");
         EXPECT_EQ(5, full.exitCode) << full;
         EXPECT_TRUE(contains(full.err, "kovractl: writing the output failed: No space left on "
                                        "device"))
