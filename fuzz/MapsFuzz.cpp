@@ -1,68 +1,132 @@
-// The services over real maps filled from the fuzzer's input, one family per run, chosen by
-// KOVRA_FUZZ_FAMILY (uid_stats, freeze, wakeup or speeds; each has its corpus in fuzz/corpus/).
-//   uid_stats  the per-UID totals and the single-UID lookup, with a caller's table that already
-//              holds some UIDs;
-//   freeze     the records harvests: the table gains what the map held, and the map ends up empty;
-//   wakeup     the counter readers, and a screen-state switch with fuzzed overflow flags that
-//              resets exactly the maps flagged with 1, takes those flags back and leaves the rest;
-//   speeds     the speed reports over records whose stamps fall around now, with fuzzed
+// The services whose outcome depends on what the maps hold, over real maps filled from the
+// fuzzer's input, one family per run, chosen by KOVRA_FUZZ_FAMILY (wakeup or speeds; each has its
+// corpus in fuzz/corpus/). The services that copy a map whole take the same path whatever it
+// holds; their contract is checked entry by entry in the kernel-map tests.
+//   wakeup     a screen-state switch with fuzzed overflow flags that resets exactly the maps
+//              flagged with 1, takes those flags back and leaves the rest;
+//   speeds     the socket speed report over records whose stamps fall around now, with fuzzed
 //              staleness, floor and watch list, and interfaces that may ask for the local-subnet
-//              filter. A socket or pair that is surely stale must be pruned (from both socket
-//              maps), one that is surely fresh must stay, and whatever is reported must be its
-//              record with each speed in kbps or 0; where nothing about an entry is in doubt,
-//              whether it is reported is checked too. "Surely" is judged against the clock read
-//              before and after the call, since the service reads its own.
+//              filter. A socket that is surely stale must be pruned (from both socket maps), one
+//              that is surely fresh must stay, and whatever is reported must be its record with
+//              each speed in kbps or 0; where nothing about an entry is in doubt, whether it is
+//              reported is checked too. "Surely" is judged against the clock read before and
+//              after the call, since the service reads its own. (The UID report applies the same
+//              age rule; its boundaries are checked exactly, at the caller's clock, in the tests.)
+#include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
 #include <time.h>
 
 #include <string>
+#include <unordered_map>
 #include <unordered_set>
 
+#include <fuzzer/FuzzedDataProvider.h>
 #include <kovrabpf/KovraPinnedMaps.h>
-
-#include "FuzzMaps.h"
+#include <kovrasandbox/Bpffs.h>
+#include <kovrasandbox/Maps.h>
 
 using namespace android::bpf;
-using namespace kovra::fuzz;
+namespace sandbox = kovra::sandbox;
 
 namespace {
 
-// A copying service over a refilled map: a harvest must leave the map empty, a read as it was.
-template <typename K, typename V, typename Table>
-void fuzzCopier(FuzzedDataProvider& input, FuzzedMap<K, V>& map, int (*service)(Table&),
-                bool harvests) {
-    map.refill(input);
-    fuzzCopy(input, map, service);
-    require(map.map().keys().size() == (harvests ? 0 : map.written().size()),
-            harvests ? "a harvest left records in the map" : "a reader changed its map");
+// A broken check ends the process, which libFuzzer reports with the input that did it.
+void require(bool holds, const char* what) {
+    if (holds) return;
+    fprintf(stderr, "broken: %s\n", what);
+    abort();
 }
 
-KovraStatsValue widened(const StatsValue& stats) {
-    KovraStatsValue value{};
-    memcpy(&value, &stats, sizeof(stats));
+// Any plain record, from the input's next bytes (zero-padded when the input runs out).
+template <typename T>
+T draw(FuzzedDataProvider& input) {
+    T value{};
+    const auto bytes = input.ConsumeBytes<uint8_t>(sizeof(T));
+    if (!bytes.empty()) memcpy(&value, bytes.data(), bytes.size());
     return value;
 }
 
-void fuzzSingleUid(FuzzedDataProvider& input, const FuzzedMap<uint32_t, KovraStatsValue>& map) {
-    const uint32_t uid = draw<uint32_t>(input);
-    const KovraStatsValue untouched = draw<KovraStatsValue>(input);
-    KovraStatsValue out = untouched;
-    const int status = withoutLeak([&] { return bpfGetUidPurStats(uid, out); });
-    const auto it = map.written().find(uid);
-    if (it == map.written().end()) {
-        require(status == -ENOENT, "a missing UID is not -ENOENT");
-        require(kovra::sandbox::sameBytes(untouched, out), "a failed lookup wrote the record");
-    } else {
-        require(status == 0, "a present UID was not read");
-        require(kovra::sandbox::sameBytes(it->second, out), "the record changed on the way");
-    }
+// Every key of the library's maps fits in 64 bits; the model keys its entries that way.
+template <typename K>
+uint64_t widen(const K& key) {
+    static_assert(sizeof(K) <= sizeof(uint64_t));
+    uint64_t wide = 0;
+    memcpy(&wide, &key, sizeof(K));
+    return wide;
 }
+
+// Runs `call`, requiring that it leaves the number of open descriptors as it found it.
+template <typename F>
+auto withoutLeak(F&& call) {
+    const int before = sandbox::openFdCount();
+    auto result = call();
+    require(before == sandbox::openFdCount(), "a descriptor leaked");
+    return result;
+}
+
+// A pinned map with what the current input wrote into it.
+template <typename K, typename V>
+class FuzzedMap {
+  public:
+    // The most entries one refill draws.
+    static constexpr uint32_t kMaxEntries = 32;
+    // A target may write keys of its own after a refill (the wake-up target adds overflow flags
+    // to a refilled check map), so the map has room beyond what a refill can draw: a write of the
+    // target's own never fails on a full map, whatever the input.
+    static constexpr uint32_t kCapacity = 2 * kMaxEntries;
+
+    explicit FuzzedMap(const PinnedMap<K, V>& map) : mMap(map, kCapacity) {}
+
+    // Empties the map, then writes the entries the input asks for, each key and record drawn by
+    // `drawKey` and `drawValue` (by default from the input's next bytes as they are). Keys repeat
+    // whenever the input repeats them; the last write wins, as in the kernel.
+    template <typename DrawValue = V (*)(FuzzedDataProvider&),
+              typename DrawKey = K (*)(FuzzedDataProvider&)>
+    void refill(FuzzedDataProvider& input, DrawValue drawValue = draw<V>,
+                DrawKey drawKey = draw<K>) {
+        for (const K& key : mMap.keys()) mMap.erase(key);
+        mWritten.clear();
+        const uint32_t count = input.ConsumeIntegralInRange<uint32_t>(0, kMaxEntries);
+        for (uint32_t i = 0; i < count; ++i) {
+            const K key = drawKey(input);
+            const V value = drawValue(input);
+            require(mMap.put(key, value), "writing a drawn entry");
+            mWritten[widen(key)] = value;
+        }
+    }
+
+    const std::unordered_map<uint64_t, V>& written() const { return mWritten; }
+    const sandbox::TypedMap<K, V>& map() const { return mMap; }
+
+  private:
+    sandbox::TypedMap<K, V> mMap;
+    std::unordered_map<uint64_t, V> mWritten;
+};
+
+// The caller's table before the call: a few entries under keys the map holds or not, whose
+// values the service must leave alone.
+template <typename Table, typename V>
+Table callersTable(FuzzedDataProvider& input, const std::unordered_map<uint64_t, V>& written) {
+    Table table;
+    const uint32_t count = input.ConsumeIntegralInRange<uint32_t>(0, 4);
+    for (uint32_t i = 0; i < count; ++i) {
+        auto key = draw<typename Table::key_type>(input);
+        if (!written.empty() && input.ConsumeBool()) {
+            auto it = written.begin();
+            std::advance(it, input.ConsumeIntegralInRange<size_t>(0, written.size() - 1));
+            key = static_cast<typename Table::key_type>(it->first);
+        }
+        table.try_emplace(key, draw<typename Table::mapped_type>(input));
+    }
+    return table;
+}
+
 
 // The maps a non-zero screen state may reset, by the overflow flag that names them.
 struct Resettable {
     uint32_t bit;
-    const kovra::sandbox::RawMap* map;
+    const sandbox::RawMap* map;
     size_t keySize;
 };
 
@@ -156,7 +220,6 @@ struct Maps {
     FuzzedMap<uint64_t, SpeedsValue> sockets{maps::kAppSocketSpeeds};
     FuzzedMap<uint64_t, SocketTuple> infos{maps::kAppSocketInfo};
     FuzzedMap<uint32_t, IfIndexSpeedConfig> interfaces{maps::kAppSocketSpeedsIfindex};
-    FuzzedMap<UidIfindexKey, SpeedsValue> uids{maps::kAppUidSpeeds};
 };
 
 void fuzzSocketSpeeds(FuzzedDataProvider& input, Maps& maps) {
@@ -202,7 +265,7 @@ void fuzzSocketSpeeds(FuzzedDataProvider& input, Maps& maps) {
                     "a reported speed is neither the record's in kbps nor 0");
             rest.firstSpeed = v.firstSpeed;
             rest.secondSpeed = v.secondSpeed;
-            require(kovra::sandbox::sameBytes(rest, v), "a reported record changed beyond its speeds");
+            require(sandbox::sameBytes(rest, v), "a reported record changed beyond its speeds");
             require(!j.surelyPruned, "a pruned socket was reported");
         }
         const auto iface = maps.interfaces.written().find(v.ifindex);
@@ -222,59 +285,7 @@ void fuzzSocketSpeeds(FuzzedDataProvider& input, Maps& maps) {
     }
 }
 
-void fuzzUidSpeeds(FuzzedDataProvider& input, Maps& maps) {
-    using Table = std::unordered_map<uint64_t, IfaceSpeedsValue>;
-    maps.uids.refill(input, drawSpeeds);
-    const uint32_t staleMs = input.ConsumeIntegralInRange<uint32_t>(0, 5000);
-    const Table before = callersTable<Table>(input, maps.uids.written());
-    Table after = before;
-
-    const uint64_t start = monotonicNow();
-    require(withoutLeak([&] { return bpfGetAppUidSpeedsTotal(after, staleMs); }) == 0,
-            "the UID report failed");
-    const uint64_t end = monotonicNow();
-
-    for (const auto& [key, v] : maps.uids.written()) {
-        const Judged j = judge(v, staleMs, start, end);
-        UidIfindexKey pair;
-        memcpy(&pair, &key, sizeof(pair));
-        const bool present = maps.uids.map().get(pair).has_value();
-        if (j.surelyPruned) require(!present, "a surely stale pair was not pruned");
-        if (j.surelyKept) require(present, "a fresh pair was pruned");
-        if (before.count(key)) continue;
-        const auto reported = after.find(key);
-        if (reported == after.end()) {
-            require(!j.surelyKept, "a live pair was not reported");
-            continue;
-        }
-        require(!j.surelyPruned, "a pruned pair was reported");
-        require(speedFits(reported->second.firstSpeedKbps, v.firstSpeed, j.first) &&
-                        speedFits(reported->second.secondSpeedKbps, v.secondSpeed, j.second),
-                "a reported speed is neither the record's in kbps nor 0");
-    }
-    require(after.size() <= before.size() + maps.uids.written().size(),
-            "a pair no map held was reported");
-}
-
-void uidStats(FuzzedDataProvider& input) {
-    static FuzzedMap<uint32_t, StatsValue> netd(maps::kNetdAppUidStats);
-    static FuzzedMap<uint32_t, KovraStatsValue> pur(maps::kUidPurStats);
-    netd.refill(input);
-    pur.refill(input);
-    fuzzCopy(input, netd, bpfGetUidStatsTotal, widened);
-    fuzzCopy(input, pur, bpfGetUidPurStatsTotal);
-    fuzzSingleUid(input, pur);
-}
-
-void freeze(FuzzedDataProvider& input) {
-    static FuzzedMap<uint64_t, AppFreezeSynInfo> syns(maps::kAppFreezeSyn);
-    static FuzzedMap<uint64_t, AppFreezeStatsInfo> stats(maps::kAppFreezeStats);
-    fuzzCopier(input, syns, bpfFetchAppFreezeSyns, true);
-    fuzzCopier(input, stats, bpfFetchAppFreezeStats, true);
-}
-
 void wakeup(FuzzedDataProvider& input) {
-    static FuzzedMap<uint32_t, uint32_t> finDrops(maps::kAppTcpFinDrop);
     static FuzzedMap<uint32_t, uint64_t> inWakeups(maps::kAppTcpInwakeup);
     static FuzzedMap<uint32_t, uint64_t> outWakeups(maps::kAppTcpOutwakeup);
     static FuzzedMap<uint32_t, uint64_t> durations(maps::kAppTcpWakeupduration);
@@ -282,17 +293,11 @@ void wakeup(FuzzedDataProvider& input) {
     static FuzzedMap<uint64_t, uint32_t> outSeq(maps::kSkTcpCookieOutSeq);
     static FuzzedMap<uint64_t, uint32_t> outAck(maps::kSkTcpCookieOutAck);
     static FuzzedMap<uint32_t, uint32_t> check(maps::kOverflowingMapCheck);
-    static const kovra::sandbox::TypedMap screen(maps::kScreenState);
+    static const sandbox::TypedMap screen(maps::kScreenState);
     static const std::vector<Resettable> resettable = {
             {1, &inSeq.map(), 8},     {2, &outSeq.map(), 8},      {4, &outAck.map(), 8},
             {8, &inWakeups.map(), 4}, {16, &outWakeups.map(), 4}, {32, &durations.map(), 4}};
-    fuzzCopier(input, finDrops, bpfGetAppTcpFinDropMap, false);
-    using Counters = std::unordered_map<uint32_t, uint64_t>;
-    const std::pair<FuzzedMap<uint32_t, uint64_t>*, int (*)(Counters&)> counters[] = {
-            {&inWakeups, bpfGetAppTcpInwakeupMap},
-            {&outWakeups, bpfGetAppTcpOutwakeupMap},
-            {&durations, bpfGetAppTcpWakeupdurationMap}};
-    for (const auto& [map, read] : counters) fuzzCopier(input, *map, read, false);
+    for (auto* counters : {&inWakeups, &outWakeups, &durations}) counters->refill(input);
     for (auto* sequences : {&inSeq, &outSeq, &outAck}) sequences->refill(input);
     fuzzScreenOn(input, check, resettable);
 }
@@ -300,11 +305,10 @@ void wakeup(FuzzedDataProvider& input) {
 void speeds(FuzzedDataProvider& input) {
     static Maps speedMaps;
     fuzzSocketSpeeds(input, speedMaps);
-    fuzzUidSpeeds(input, speedMaps);
 }
 
 const std::pair<const char*, void (*)(FuzzedDataProvider&)> kFamilies[] = {
-        {"uid_stats", uidStats}, {"freeze", freeze}, {"wakeup", wakeup}, {"speeds", speeds}};
+        {"wakeup", wakeup}, {"speeds", speeds}};
 void (*family)(FuzzedDataProvider&) = nullptr;
 
 }  // namespace
@@ -317,10 +321,10 @@ extern "C" int LLVMFuzzerInitialize(int*, char***) {
     }
     if (family == nullptr) {
         fprintf(stderr, "fuzzing cannot run: KOVRA_FUZZ_FAMILY must name a family "
-                        "(uid_stats, freeze, wakeup or speeds)\n");
+                        "(wakeup or speeds)\n");
         exit(1);
     }
-    const std::string problem = kovra::sandbox::enterPrivateBpffs();
+    const std::string problem = sandbox::enterPrivateBpffs();
     if (!problem.empty()) {
         fprintf(stderr, "fuzzing cannot run: %s\n", problem.c_str());
         exit(1);

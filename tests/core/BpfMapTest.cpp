@@ -22,36 +22,29 @@ void fill(const TypedMap<uint32_t, uint64_t>& map, uint32_t n) {
     for (uint32_t k = 1; k <= n; ++k) ASSERT_TRUE(map.put(k, k * 10ull));
 }
 
+// Every failure is the operation's own message with the kernel's errno.
+template <typename T>
+void expectError(const Result<T>& result, const char* message, int err) {
+    ASSERT_FALSE(result.ok()) << message;
+    EXPECT_EQ(message, result.error().message());
+    EXPECT_EQ(err, result.error().code()) << message;
+}
+
 TEST_F(BpfMapTest, SingleOperationsReportMessageAndErrno) {
     TypedMap map(kMap);
     ASSERT_TRUE(map.put(7, 70));
     BpfMap<uint32_t, uint64_t> handle(kMap);
-
     EXPECT_EQ(70u, handle.readValue(7).value());
-    auto missing = handle.readValue(8);
-    ASSERT_FALSE(missing.ok());
-    EXPECT_EQ("BpfMap::readValue() failed", missing.error().message());
-    EXPECT_EQ(ENOENT, missing.error().code());
-
+    expectError(handle.readValue(8), "BpfMap::readValue() failed", ENOENT);
     EXPECT_EQ(7u, handle.getFirstKey().value());
-    auto last = handle.getNextKey(7);
-    EXPECT_EQ("BpfMap::getNextKey() failed", last.error().message());
-    EXPECT_EQ(ENOENT, last.error().code());
-
+    expectError(handle.getNextKey(7), "BpfMap::getNextKey() failed", ENOENT);
     // The flags go to the kernel as given: BPF_NOEXIST refuses an existing key.
-    auto exists = handle.writeValue(7, 71, BPF_NOEXIST);
-    EXPECT_EQ("BpfMap::writeValue() failed", exists.error().message());
-    EXPECT_EQ(EEXIST, exists.error().code());
+    expectError(handle.writeValue(7, 71, BPF_NOEXIST), "BpfMap::writeValue() failed", EEXIST);
     ASSERT_TRUE(handle.writeValue(7, 72, BPF_ANY).ok());
     EXPECT_EQ(72u, map.get(7));
-
     ASSERT_TRUE(handle.deleteValue(7).ok());
-    auto gone = handle.deleteValue(7);
-    EXPECT_EQ("BpfMap::deleteValue() failed", gone.error().message());
-    EXPECT_EQ(ENOENT, gone.error().code());
-    auto empty = handle.getFirstKey();
-    EXPECT_EQ("BpfMap::getFirstKey() failed", empty.error().message());
-    EXPECT_EQ(ENOENT, empty.error().code());
+    expectError(handle.deleteValue(7), "BpfMap::deleteValue() failed", ENOENT);
+    expectError(handle.getFirstKey(), "BpfMap::getFirstKey() failed", ENOENT);
 }
 
 TEST_F(BpfMapTest, WalkVisitsEveryEntryAndToleratesDeletingTheCurrentOne) {
@@ -96,16 +89,12 @@ TEST_F(BpfMapTest, WalkStopsAtTheFirstFailingStepOrCallback) {
                 return {};
             });
     EXPECT_EQ(2, calls);
-    EXPECT_EQ("callback says stop", stop.error().message());
-    EXPECT_EQ(EDOM, stop.error().code());
+    expectError(stop, "callback says stop", EDOM);
 
     for (const WalkFailure& c : kWalkFailures) {
         failBpfCommand(c.cmd, c.nth, c.err);
         calls = 0;
-        auto failed = handle.iterateWithValue(count);
-        ASSERT_FALSE(failed.ok());
-        EXPECT_EQ(c.message, failed.error().message());
-        EXPECT_EQ(c.err, failed.error().code());
+        expectError(handle.iterateWithValue(count), c.message, c.err);
         EXPECT_EQ(c.read, size_t(calls)) << c.message;
     }
     EXPECT_EQ(5u, map.size()) << "a read-only walk never changes the map";
@@ -121,9 +110,7 @@ TEST_F(BpfMapTest, EntryDeletedBehindTheWalkEndsItWithReadValueEnoent) {
         if (key == order[0]) map.erase(order[1]);
         return Result<void>{};
     });
-    ASSERT_FALSE(result.ok());
-    EXPECT_EQ("BpfMap::readValue() failed", result.error().message());
-    EXPECT_EQ(ENOENT, result.error().code());
+    expectError(result, "BpfMap::readValue() failed", ENOENT);
 }
 
 TEST_F(BpfMapTest, ClearEmptiesTheMapAndLogsOnlyRealDeleteFailures) {
@@ -139,18 +126,14 @@ TEST_F(BpfMapTest, ClearEmptiesTheMapAndLogsOnlyRealDeleteFailures) {
     fill(map, 4);
     resetInterposers();
     failBpfCommand(BPF_MAP_DELETE_ELEM, 2, EPERM);
-    auto failed = handle.clear();
-    EXPECT_EQ("BpfMap::deleteValue() failed", failed.error().message());
-    EXPECT_EQ(EPERM, failed.error().code());
+    expectError(handle.clear(), "BpfMap::deleteValue() failed", EPERM);
     EXPECT_EQ(3u, map.size());
     EXPECT_EQ(std::vector{untaggedError("Failed to delete data Operation not permitted")},
               takeLogs());
 
     resetInterposers();
     failBpfCommand(BPF_MAP_GET_NEXT_KEY, 1, EACCES);
-    auto noFirst = handle.clear();
-    EXPECT_EQ("BpfMap::getFirstKey() failed", noFirst.error().message());
-    EXPECT_EQ(EACCES, noFirst.error().code());
+    expectError(handle.clear(), "BpfMap::getFirstKey() failed", EACCES);
     EXPECT_TRUE(takeLogs().empty());
 }
 

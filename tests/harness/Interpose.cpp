@@ -4,7 +4,6 @@
 // The tests' own map work goes through libbpf, whose bpf commands pass untouched and uncounted.
 #include <bpf/bpf.h>
 #include <dlfcn.h>
-#include <link.h>
 #include <errno.h>
 #include <stdarg.h>
 #include <stdio.h>
@@ -23,17 +22,12 @@ namespace {
 using SyscallFn = long (*)(long, ...);
 using UnameFn = int (*)(struct utsname*);
 
+// The next definition of `name` after the executable's own: libc's, or a sanitizer's.
 template <typename Fn>
 Fn next(const char* name) {
-    static_assert(sizeof(Fn) == sizeof(void*));
     void* sym = dlsym(RTLD_NEXT, name);
-    if (sym == nullptr) {
-        fprintf(stderr, "harness: no next definition of %s\n", name);
-        abort();
-    }
-    Fn fn;
-    memcpy(&fn, &sym, sizeof(fn));
-    return fn;
+    if (sym == nullptr) abort();
+    return reinterpret_cast<Fn>(sym);
 }
 
 struct State {
@@ -50,32 +44,16 @@ State& state() {
     return *s;
 }
 
-// libbpf's code: the loaded segment that holds bpf_map_create.
-struct Span {
-    uintptr_t begin = 0, end = 0;
-};
-Span libbpfCode() {
-    Span span;
-    dl_iterate_phdr(
-            [](dl_phdr_info* object, size_t, void* data) {
-                const auto probe = reinterpret_cast<uintptr_t>(&bpf_map_create);
-                for (int i = 0; i < object->dlpi_phnum; ++i) {
-                    const ElfW(Phdr)& segment = object->dlpi_phdr[i];
-                    const uintptr_t begin = object->dlpi_addr + segment.p_vaddr;
-                    if (segment.p_type == PT_LOAD && probe >= begin &&
-                        probe < begin + segment.p_memsz) {
-                        *static_cast<Span*>(data) = {begin, begin + segment.p_memsz};
-                    }
-                }
-                return 0;
-            },
-            &span);
-    return span;
-}
-
-bool inLibbpf(uintptr_t caller) {
-    static const Span code = libbpfCode();
-    return caller >= code.begin && caller < code.end;
+// The tests' own map work goes through libbpf: its commands come from the object that holds
+// bpf_map_create.
+bool inLibbpf(void* caller) {
+    static void* const libbpf = [] {
+        Dl_info info{};
+        dladdr(reinterpret_cast<void*>(&bpf_map_create), &info);
+        return info.dli_fbase;
+    }();
+    Dl_info info{};
+    return dladdr(caller, &info) != 0 && info.dli_fbase == libbpf;
 }
 
 }  // namespace
@@ -151,7 +129,7 @@ extern "C" long syscall(long number, ...) {
     for (long& arg : a) arg = va_arg(ap, long);
     va_end(ap);
 
-    if (number == SYS_bpf && !inLibbpf(reinterpret_cast<uintptr_t>(__builtin_return_address(0)))) {
+    if (number == SYS_bpf && !inLibbpf(__builtin_return_address(0))) {
         BpfHook hook;
         int nth;
         {

@@ -1,20 +1,136 @@
-// kovractl end to end against the demo data set: what it refuses without touching a map, what
-// it reports of what the services removed, its views of the maps, watching, and the sandbox.
+// kovractl end to end against the demo data set, seeded afresh in the test's private bpffs before
+// every test: what it refuses without touching a map, what it reports of what the services
+// removed, its views of the maps, watching, and the sandbox. kovractl runs as a child of the
+// test process, so it sees the same bpffs.
 #include <fcntl.h>
+#include <sched.h>
+#include <string.h>
 #include <sys/stat.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <bpf/bpf.h>
 
+#include <map>
 #include <memory>
 
-#include "Kovractl.h"
+#include <kovrasandbox/Seed.h>
+#include <nlohmann/json.hpp>
+
+#include "Harness.h"
 
 namespace kovra::test {
 namespace {
 
 using namespace android::bpf;
 using nlohmann::json;
+
+struct Outcome {
+    int exitCode;  // -signal when it died of one
+    std::string out;
+    std::string err;
+};
+
+using Snapshot = std::map<std::string, std::map<std::vector<uint8_t>, std::vector<uint8_t>>>;
+
+// A test on the demo data set, created afresh in the private bpffs before each test (and by
+// fresh() within one).
+class KovractlTest : public KernelTest {
+  protected:
+    void SetUp() override {
+        KernelTest::SetUp();
+        if (IsSkipped() || HasFailure()) return;
+        sandbox::createCatalogueMaps();
+        sandbox::seedDemo();
+    }
+    void fresh() { SetUp(); }
+};
+
+std::string drain(int fd) {
+    std::string text;
+    char buffer[4096];
+    for (ssize_t n; (n = read(fd, buffer, sizeof(buffer))) > 0;) text.append(buffer, n);
+    close(fd);
+    return text;
+}
+
+// Says on the child's stderr why kovractl did not run, so that a test reports its own plumbing
+// rather than an exit code kovractl never gave.
+[[noreturn]] void plumbingFailed(const std::string& what, int exitCode) {
+    const std::string line = "kovractl_tests: " + what + ": " + strerror(errno) + "\n";
+    (void)!write(STDERR_FILENO, line.data(), line.size());
+    _exit(exitCode);
+}
+
+[[noreturn]] void execKovractl(const std::vector<std::string>& args, bool asNonRoot, int out,
+                               int err) {
+    dup2(out, STDOUT_FILENO);
+    dup2(err, STDERR_FILENO);
+    // In a user namespace of its own, with no uid mapped, the child's effective uid reads as the
+    // overflow uid and it holds no capability over the machine's maps: a non-root user, as far
+    // as kovractl can tell. Its files stay reachable wherever the checkout sits.
+    if (asNonRoot && unshare(CLONE_NEWUSER) != 0) plumbingFailed("cannot leave root", 125);
+    const std::string binary = KOVRACTL_PATH;
+    std::vector<char*> argv{const_cast<char*>(binary.c_str())};
+    for (const std::string& arg : args) argv.push_back(const_cast<char*>(arg.c_str()));
+    argv.push_back(nullptr);
+    execv(binary.c_str(), argv.data());
+    plumbingFailed("cannot run " + binary, 124);
+}
+
+std::ostream& operator<<(std::ostream& os, const Outcome& run) {
+    return os << "exit " << run.exitCode << "\n--- stdout\n"
+              << run.out << "--- stderr\n"
+              << run.err;
+}
+
+// Runs kovractl with `args` and waits for it, as root or as a user who is not; `out` names a file
+// to take its stdout.
+Outcome kovractl(const std::vector<std::string>& args, bool asNonRoot = false,
+                 const char* out = nullptr) {
+    int pipeOut[2], pipeErr[2];
+    if (pipe2(pipeOut, O_CLOEXEC) != 0 || pipe2(pipeErr, O_CLOEXEC) != 0) return {-1, "", "pipe"};
+    if (out != nullptr) {
+        close(pipeOut[1]);
+        pipeOut[1] = open(out, O_WRONLY | O_CLOEXEC);
+    }
+    const pid_t pid = fork();
+    if (pid == 0) execKovractl(args, asNonRoot, pipeOut[1], pipeErr[1]);
+    close(pipeOut[1]);
+    close(pipeErr[1]);
+    // Outputs are small; stderr is read after stdout without risk of the child blocking on it.
+    Outcome run{0, drain(pipeOut[0]), drain(pipeErr[0])};
+    int status = 0;
+    waitpid(pid, &status, 0);
+    run.exitCode = WIFEXITED(status) ? WEXITSTATUS(status) : -WTERMSIG(status);
+    return run;
+}
+
+// kovractl's stdout parsed as JSON (a test failure when it is not).
+nlohmann::json jsonOf(const Outcome& run) {
+    nlohmann::json value = nlohmann::json::parse(run.out, nullptr, false);
+    EXPECT_FALSE(value.is_discarded()) << "not JSON: " << run;
+    return value;
+}
+
+// Every map of the catalogue as raw bytes, key -> value, to tell whether a command changed any.
+Snapshot snapshotMaps() {
+    Snapshot snapshot;
+    for (const PinnedMapInfo& row : kPinnedMaps) {
+        auto& entries = snapshot[row.path];
+        std::optional<RawMap> map = RawMap::open(row.path, true);
+        if (!map) continue;
+        // A map that does not fit its records is read by its own sizes; a per-CPU one by keys.
+        const sandbox::MapShape shape = map->shape();
+        for (const auto& key : map->rawKeys(shape.keySize)) {
+            std::vector<uint8_t> value(shape.valueSize);
+            if (shape.type != BPF_MAP_TYPE_HASH || map->getRaw(key.data(), value.data())) {
+                entries[key] = value;
+            }
+        }
+    }
+    return snapshot;
+}
 
 bool contains(const std::string& text, const std::string& part) {
     return text.find(part) != std::string::npos;

@@ -60,10 +60,10 @@ struct DetectorMaps {
     }
 };
 
+// A map's entries in key order.
 template <typename K, typename V>
 std::vector<std::pair<K, V>> entries(const TypedMap<K, V>& map) {
-    std::vector<std::pair<K, V>> out;
-    for (const K& key : map.keys()) out.emplace_back(key, *map.get(key));
+    auto out = map.entries();
     std::sort(out.begin(), out.end());
     return out;
 }
