@@ -21,7 +21,7 @@ awk -v limit="$limit" '
     }
     END {
         ratio = code ? tests / code : 0
-        printf "test-ratio: test code %d lines, other code %d lines: ratio %.2f (limit %s)\n",
+        printf "test-ratio: test code %d lines, other code %d lines: ratio %.3f (limit %s)\n",
                tests, code, ratio, limit
-        exit (sprintf("%.2f", ratio) + 0 > limit + 0)
+        exit (ratio > limit + 0)
     }' "${files[@]}"
