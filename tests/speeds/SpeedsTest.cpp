@@ -138,7 +138,8 @@ TEST_F(SocketSpeedsTest, ReportAppliesStalenessFloorAndWatchListAndPrunes) {
     const uint64_t now = monotonicNow(), ahead = now + 3'600'000 * kNsPerMs;
     const std::map<uint64_t, SpeedsValue> sockets = {
             {1, speedRecord(3, 5'000'999, now, 2'000'000, now)},
-            {2, speedRecord(3, 9'000'000, kAtBoot, 9'000'000, kAtBoot)},  // stale both ways
+            // stale both ways: for 2 s, and since boot
+            {2, speedRecord(3, 9'000'000, now - 2'000 * kNsPerMs, 9'000'000, kAtBoot)},
             {3, speedRecord(3, 7'000'000, kAtBoot, 3'000'000, now)},
             {4, speedRecord(3, 7'000'000, kAtBoot, 1'500'000, ahead)},  // a stamp ahead is fresh
             {5, speedRecord(3, 4'000'000, ahead, 9'000'000, kAtBoot)},
@@ -148,6 +149,7 @@ TEST_F(SocketSpeedsTest, ReportAppliesStalenessFloorAndWatchListAndPrunes) {
             {9, speedRecord(3, 999'999, kAtBoot, 0, now)},        // watched, moving only if stale
             {10, speedRecord(3, 704, now, 0, now)},
             {11, speedRecord(3, 703, now, 703, now)},
+            {12, speedRecord(3, 0, now, 704, now)},
     };
     for (const auto& [cookie, value] : sockets) ASSERT_TRUE(kernel.sockets.put(cookie, value));
     ASSERT_TRUE(kernel.info.put(1, socketOn(3)));
@@ -165,7 +167,7 @@ TEST_F(SocketSpeedsTest, ReportAppliesStalenessFloorAndWatchListAndPrunes) {
     copied.firstSpeed = 5000;
     copied.secondSpeed = 2000;
     EXPECT_TRUE(sameBytes(copied, speeds.at(1))) << "all but the speeds is copied through";
-    const std::vector<uint64_t> live{1, 3, 4, 5, 6, 7, 8, 9, 10, 11};
+    const std::vector<uint64_t> live{1, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12};
     EXPECT_EQ(live, sorted(kernel.sockets.keys()));
     EXPECT_EQ(std::vector<uint64_t>{1}, kernel.info.keys()) << "pruning takes the info too";
     EXPECT_TRUE(sameBytes(sockets.at(1), *kernel.sockets.get(1)));
@@ -173,7 +175,7 @@ TEST_F(SocketSpeedsTest, ReportAppliesStalenessFloorAndWatchListAndPrunes) {
     // 4294968 kbps is 4294968000, which wraps to a floor of 704 in 32 bits.
     speeds.clear();
     EXPECT_EQ(0, report(speeds, 4294968));
-    EXPECT_EQ((std::vector<uint64_t>{1, 3, 4, 5, 6, 10}), sortedKeys(speeds));
+    EXPECT_EQ((std::vector<uint64_t>{1, 3, 4, 5, 6, 10, 12}), sortedKeys(speeds));
     speeds.clear();
     EXPECT_EQ(0, report(speeds, 0));
     EXPECT_EQ(live, sortedKeys(speeds)) << "with no floor every socket is reported";
@@ -296,6 +298,16 @@ TEST_F(UidSpeedsTest, InternalWalkJudgesAgesAtTheCallersClock) {
     for (const UidIfindexKey& key : kernel.keys()) left.push_back(tableKey(key));
     EXPECT_EQ(sortedKeys(speeds), sorted(left)) << "only the pair stale both ways is pruned";
     EXPECT_TRUE(takeLogs().empty());
+
+    // With no age allowed, a stamp at or after the caller's clock is still fresh (age 0).
+    UidSpeedsTable strict;
+    EXPECT_EQ(0, bpfGetAppUidSpeedsTotalInternal(strict, handle, 0, now));
+    EXPECT_EQ((Kbps{{tableKey({10001, 3}), 0, 0},
+                    {tableKey({10004, 3}), 0, 4},
+                    {tableKey({10005, 3}), 0, 5},
+                    {tableKey({10001, 4}), 1, 2},
+                    {tableKey({0xFFFFFFFF, 0xFFFFFFFE}), 1, 2}}),
+              kbpsOf(strict));
 }
 
 TEST_F(UidSpeedsTest, ServiceUsesTheMonotonicClockAndHidesAWalkError) {
