@@ -3,7 +3,7 @@
 // removed, its views of the maps, watching, and the sandbox. kovractl runs as a child of the
 // test process, so it sees the same bpffs.
 #include <fcntl.h>
-#include <sched.h>
+#include <spawn.h>
 #include <string.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
@@ -54,30 +54,6 @@ std::string drain(int fd) {
     return text;
 }
 
-// Says on the child's stderr why kovractl did not run, so that a test reports its own plumbing
-// rather than an exit code kovractl never gave.
-[[noreturn]] void plumbingFailed(const std::string& what, int exitCode) {
-    const std::string line = "kovractl_tests: " + what + ": " + strerror(errno) + "\n";
-    (void)!write(STDERR_FILENO, line.data(), line.size());
-    _exit(exitCode);
-}
-
-[[noreturn]] void execKovractl(const std::vector<std::string>& args, bool asNonRoot, int out,
-                               int err) {
-    dup2(out, STDOUT_FILENO);
-    dup2(err, STDERR_FILENO);
-    // In a user namespace of its own, with no uid mapped, the child's effective uid reads as the
-    // overflow uid and it holds no capability over the machine's maps: a non-root user, as far
-    // as kovractl can tell. Its files stay reachable wherever the checkout sits.
-    if (asNonRoot && unshare(CLONE_NEWUSER) != 0) plumbingFailed("cannot leave root", 125);
-    const std::string binary = KOVRACTL_PATH;
-    std::vector<char*> argv{const_cast<char*>(binary.c_str())};
-    for (const std::string& arg : args) argv.push_back(const_cast<char*>(arg.c_str()));
-    argv.push_back(nullptr);
-    execv(binary.c_str(), argv.data());
-    plumbingFailed("cannot run " + binary, 124);
-}
-
 std::ostream& operator<<(std::ostream& os, const Outcome& run) {
     return os << "exit " << run.exitCode << "\n--- stdout\n"
               << run.out << "--- stderr\n"
@@ -85,21 +61,32 @@ std::ostream& operator<<(std::ostream& os, const Outcome& run) {
 }
 
 // Runs kovractl with `args` and waits for it, as root or as a user who is not; `out` names a file
-// to take its stdout.
+// to take its stdout. The second runs it in a user namespace of its own (unshare(1)), where no uid
+// is mapped: its effective uid reads as the overflow uid and it holds no capability over the
+// machine's maps, while its files stay reachable wherever the checkout sits.
 Outcome kovractl(const std::vector<std::string>& args, bool asNonRoot = false,
                  const char* out = nullptr) {
+    std::vector<std::string> command{KOVRACTL_PATH};
+    if (asNonRoot) command.insert(command.begin(), {"unshare", "--user"});
+    command.insert(command.end(), args.begin(), args.end());
+    std::vector<char*> argv;
+    for (std::string& arg : command) argv.push_back(arg.data());
+    argv.push_back(nullptr);
     int pipeOut[2], pipeErr[2];
     if (pipe2(pipeOut, O_CLOEXEC) != 0 || pipe2(pipeErr, O_CLOEXEC) != 0) return {-1, "", "pipe"};
-    if (out != nullptr) {
-        close(pipeOut[1]);
-        pipeOut[1] = open(out, O_WRONLY | O_CLOEXEC);
-    }
-    const pid_t pid = fork();
-    if (pid == 0) execKovractl(args, asNonRoot, pipeOut[1], pipeErr[1]);
+    posix_spawn_file_actions_t actions;
+    posix_spawn_file_actions_init(&actions);
+    if (out != nullptr) posix_spawn_file_actions_addopen(&actions, STDOUT_FILENO, out, O_WRONLY, 0);
+    if (out == nullptr) posix_spawn_file_actions_adddup2(&actions, pipeOut[1], STDOUT_FILENO);
+    posix_spawn_file_actions_adddup2(&actions, pipeErr[1], STDERR_FILENO);
+    pid_t pid = 0;
+    const int error = posix_spawnp(&pid, argv[0], &actions, nullptr, argv.data(), environ);
+    posix_spawn_file_actions_destroy(&actions);
     close(pipeOut[1]);
     close(pipeErr[1]);
     // Outputs are small; stderr is read after stdout without risk of the child blocking on it.
     Outcome run{0, drain(pipeOut[0]), drain(pipeErr[0])};
+    if (error != 0) return {-1, "", std::string("cannot run kovractl: ") + strerror(error)};
     int status = 0;
     waitpid(pid, &status, 0);
     run.exitCode = WIFEXITED(status) ? WEXITSTATUS(status) : -WTERMSIG(status);
