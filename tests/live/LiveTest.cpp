@@ -265,6 +265,9 @@ TEST_F(LiveSoak, EveryFamilyUnderLiveTraffic) {
                    "uid=10053,peer=10059,bytes=500,conns=20,limit=3000"});
         }
     });
+    // A failed assertion returns from the loop below; the driver must stop then too, or waiting
+    // for it would hang the test.
+    const std::shared_ptr<void> stopDriver(nullptr, [&](void*) { stop = true; });
     // Services are called at least until one round has ended, which on a slow machine (or under
     // valgrind, which runs one thread at a time) can take past `end`; a driver that never ends a
     // round fails the test two minutes later instead of hanging it.
