@@ -15,7 +15,6 @@
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
-#include <time.h>
 
 #include <string>
 #include <unordered_map>
@@ -25,6 +24,7 @@
 #include <kovrabpf/KovraPinnedMaps.h>
 #include <kovrasandbox/Bpffs.h>
 #include <kovrasandbox/Maps.h>
+#include <kovrasandbox/Seed.h>
 
 using namespace android::bpf;
 namespace sandbox = kovra::sandbox;
@@ -163,17 +163,11 @@ void fuzzScreenOn(FuzzedDataProvider& input, FuzzedMap<uint32_t, uint32_t>& chec
     require(check.map().keys().size() == flags, "the check map gained or lost keys");
 }
 
-uint64_t monotonicNow() {
-    timespec ts;
-    clock_gettime(CLOCK_MONOTONIC, &ts);
-    return static_cast<uint64_t>(ts.tv_sec) * 1000000000u + static_cast<uint64_t>(ts.tv_nsec);
-}
-
 // Records whose stamps mostly lie within a few seconds either side of now, and whose interface
 // is one of a handful, so that staleness and the interface table both come into play.
 SpeedsValue drawSpeeds(FuzzedDataProvider& input) {
     SpeedsValue value = draw<SpeedsValue>(input);
-    const uint64_t now = monotonicNow();
+    const uint64_t now = sandbox::monotonicNowNs();
     for (uint64_t* stamp : {&value.firstStamp, &value.secondStamp}) {
         if (input.ConsumeBool())
             *stamp = now - input.ConsumeIntegralInRange<int64_t>(-1, 8) * 500000000;
@@ -241,10 +235,10 @@ void fuzzSocketSpeeds(FuzzedDataProvider& input, Maps& maps) {
     const Table before = callersTable<Table>(input, maps.sockets.written());
     Table after = before;
 
-    const uint64_t start = monotonicNow();
+    const uint64_t start = sandbox::monotonicNowNs();
     const int status = withoutLeak(
             [&] { return bpfGetAppSocketSpeedsTotal(after, staleMs, minKbps, watched); });
-    const uint64_t end = monotonicNow();
+    const uint64_t end = sandbox::monotonicNowNs();
     require(status == 0, "the socket report failed");
 
     const uint32_t limit = minKbps * 1000;  // wraps in 32 bits, as the report's floor does

@@ -2,8 +2,6 @@
 // reaches these C functions through the dynamic linker, which finds the executable's first;
 // each forwards to the next definition (libc's or a sanitizer's) unless a test says otherwise.
 // The tests' own map work goes through libbpf, whose bpf commands pass untouched and uncounted.
-#include <bpf/bpf.h>
-#include <dlfcn.h>
 #include <errno.h>
 #include <stdarg.h>
 #include <stdio.h>
@@ -14,6 +12,8 @@
 #include <map>
 #include <mutex>
 
+#include <kovrasandbox/Interpose.h>
+
 #include "Harness.h"
 
 namespace kovra::test {
@@ -21,14 +21,6 @@ namespace {
 
 using SyscallFn = long (*)(long, ...);
 using UnameFn = int (*)(struct utsname*);
-
-// The next definition of `name` after the executable's own: libc's, or a sanitizer's.
-template <typename Fn>
-Fn next(const char* name) {
-    void* sym = dlsym(RTLD_NEXT, name);
-    if (sym == nullptr) abort();
-    return reinterpret_cast<Fn>(sym);
-}
 
 struct State {
     std::mutex lock;
@@ -42,18 +34,6 @@ struct State {
 State& state() {
     static State* s = new State;  // never destroyed: atexit handlers may still log
     return *s;
-}
-
-// The tests' own map work goes through libbpf: its commands come from the object that holds
-// bpf_map_create.
-bool inLibbpf(void* caller) {
-    static void* const libbpf = [] {
-        Dl_info info{};
-        dladdr(reinterpret_cast<void*>(&bpf_map_create), &info);
-        return info.dli_fbase;
-    }();
-    Dl_info info{};
-    return dladdr(caller, &info) != 0 && info.dli_fbase == libbpf;
 }
 
 }  // namespace
@@ -111,7 +91,8 @@ void setUnameRelease(std::optional<std::string> release, bool fail) {
 }
 
 long realBpf(int cmd, void* attr, unsigned size) {
-    static const SyscallFn real = next<SyscallFn>("syscall");
+    static const auto real =
+            reinterpret_cast<SyscallFn>(kovra::sandbox::nextDefinition("syscall"));
     return real(SYS_bpf, cmd, attr, size);
 }
 
@@ -120,7 +101,8 @@ long realBpf(int cmd, void* attr, unsigned size) {
 using namespace kovra::test;
 
 extern "C" long syscall(long number, ...) {
-    static const SyscallFn real = next<SyscallFn>("syscall");
+    static const auto real =
+            reinterpret_cast<SyscallFn>(kovra::sandbox::nextDefinition("syscall"));
     // syscall() takes up to six register-sized arguments; passing them all on is what every
     // wrapper of it does.
     va_list ap;
@@ -129,7 +111,7 @@ extern "C" long syscall(long number, ...) {
     for (long& arg : a) arg = va_arg(ap, long);
     va_end(ap);
 
-    if (number == SYS_bpf && !inLibbpf(__builtin_return_address(0))) {
+    if (number == SYS_bpf && !kovra::sandbox::fromLibbpf(__builtin_return_address(0))) {
         BpfHook hook;
         int nth;
         {
@@ -159,7 +141,7 @@ extern "C" int __android_log_print(int prio, const char* tag, const char* fmt, .
 }
 
 extern "C" int uname(struct utsname* buf) {
-    static const UnameFn real = next<UnameFn>("uname");
+    static const auto real = reinterpret_cast<UnameFn>(kovra::sandbox::nextDefinition("uname"));
     std::optional<std::string> release;
     {
         std::lock_guard guard(state().lock);

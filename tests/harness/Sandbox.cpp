@@ -13,10 +13,7 @@ constexpr char kShareVariable[] = "KOVRA_TEST_IN_PRIVATE_BPFFS";
 void KernelTest::SetUp() {
     const std::string problem = sandbox::enterPrivateBpffs(kShareVariable);
     if (!problem.empty()) {
-        const char* ci = getenv("CI");
-        if (ci != nullptr && strcmp(ci, "true") == 0) {
-            FAIL() << "kernel-map test cannot run: " << problem;
-        }
+        if (underCi()) FAIL() << "kernel-map test cannot run: " << problem;
         GTEST_SKIP() << "kernel-map test skipped: " << problem;
     }
     resetInterposers();
@@ -26,6 +23,11 @@ void KernelTest::SetUp() {
 
 void KernelTest::TearDown() {
     resetInterposers();
+}
+
+bool underCi() {
+    const char* ci = getenv("CI");
+    return ci != nullptr && strcmp(ci, "true") == 0;
 }
 
 const sandbox::PrivateNetwork* testNetwork() {

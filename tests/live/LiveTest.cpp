@@ -49,8 +49,7 @@ class LiveTest : public KernelTest {
             mLive = std::make_unique<live::LiveSide>();
         } catch (const live::LiveError& e) {
             // Like a missing bpffs: a kernel without cgroup programs skips, except under CI.
-            const char* ci = getenv("CI");
-            if (!e.cannotAttach || (ci != nullptr && strcmp(ci, "true") == 0)) FAIL() << e.what();
+            if (!e.cannotAttach || underCi()) FAIL() << e.what();
             GTEST_SKIP() << "live test skipped: " << e.what();
         }
     }
@@ -78,7 +77,9 @@ Map snapshot(int (*service)(Map&)) {
 // Waits for `done` to hold, checking every 50 ms, for at most 15 s.
 template <typename F>
 bool await(F done) {
-    for (int i = 0; i < 300 && !done(); ++i) std::this_thread::sleep_for(std::chrono::milliseconds(50));
+    for (int i = 0; i < 300 && !done(); ++i) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(50));
+    }
     return done();
 }
 
@@ -237,7 +238,8 @@ TEST_F(LiveWakeup, ScreenOffCountsAndScreenOnResetsWhatOverflowed) {
 
     takeLogs();
     ASSERT_EQ(0, bpfUpdateScreenStateMap(1, 2));
-    EXPECT_EQ(std::vector{untaggedError("[BpfWakeupDetector] clear overflowing map:7")}, takeLogs());
+    EXPECT_EQ(std::vector{untaggedError("[BpfWakeupDetector] clear overflowing map:7")},
+              takeLogs());
     EXPECT_FALSE(openMap(maps::kSkTcpCookieInSeq).get(sent[2].cookie));
     // Screen on: nothing counts.
     drive({heartbeats});
@@ -254,8 +256,8 @@ TEST_F(LiveSoak, EveryFamilyUnderLiveTraffic) {
     live::setFrozen(10052, true);
     const int fdsBefore = openFdCount();
     const char* seconds = getenv("KOVRA_SOAK_SECONDS");
-    const auto end = std::chrono::steady_clock::now() +
-                     std::chrono::seconds(seconds != nullptr && atoi(seconds) > 0 ? atoi(seconds) : 20);
+    const int soak = seconds != nullptr && atoi(seconds) > 0 ? atoi(seconds) : 20;
+    const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(soak);
     std::atomic<bool> stop{false};
     std::atomic<int> rounds{0};
     auto driver = std::async(std::launch::async, [&] {

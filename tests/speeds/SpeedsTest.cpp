@@ -1,7 +1,6 @@
 // The speed services: socket and UID reports with their pruning, the local-subnet filter, and
 // the binding of interfaces with its sweeps.
 #include <arpa/inet.h>
-#include <time.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -9,6 +8,8 @@
 #include <tuple>
 
 #include <netutils/ifc.h>
+
+#include <kovrasandbox/Seed.h>
 
 #include "Harness.h"
 
@@ -28,9 +29,7 @@ constexpr uint64_t kAtBoot = 0;  // the stamp of a record idle since boot
 // CLOCK_MONOTONIC in nanoseconds. kAtBoot must be stale against kStaleMs, so on a machine up for
 // less than 5 s, such as a fresh test VM, this first waits.
 uint64_t monotonicNow() {
-    timespec ts{};
-    clock_gettime(CLOCK_MONOTONIC, &ts);
-    const uint64_t now = uint64_t(ts.tv_sec) * 1'000'000'000u + uint64_t(ts.tv_nsec);
+    const uint64_t now = sandbox::monotonicNowNs();
     if (now >= 5'000 * kNsPerMs) return now;
     usleep(useconds_t((5'000 * kNsPerMs - now) / 1000));
     return monotonicNow();

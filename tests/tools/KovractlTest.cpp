@@ -76,8 +76,11 @@ Outcome kovractl(const std::vector<std::string>& args, bool asNonRoot = false,
     if (pipe2(pipeOut, O_CLOEXEC) != 0 || pipe2(pipeErr, O_CLOEXEC) != 0) return {-1, "", "pipe"};
     posix_spawn_file_actions_t actions;
     posix_spawn_file_actions_init(&actions);
-    if (out != nullptr) posix_spawn_file_actions_addopen(&actions, STDOUT_FILENO, out, O_WRONLY, 0);
-    if (out == nullptr) posix_spawn_file_actions_adddup2(&actions, pipeOut[1], STDOUT_FILENO);
+    if (out != nullptr) {
+        posix_spawn_file_actions_addopen(&actions, STDOUT_FILENO, out, O_WRONLY, 0);
+    } else {
+        posix_spawn_file_actions_adddup2(&actions, pipeOut[1], STDOUT_FILENO);
+    }
     posix_spawn_file_actions_adddup2(&actions, pipeErr[1], STDERR_FILENO);
     pid_t pid = 0;
     const int error = posix_spawnp(&pid, argv[0], &actions, nullptr, argv.data(), environ);
