@@ -61,7 +61,9 @@ class LiveTest : public KernelTest {
     // most unless a flow says otherwise.
     std::vector<traffic::Sent> drive(const std::vector<std::string>& flows) const {
         std::vector<traffic::Flow> parsed;
-        for (const std::string& f : flows) parsed.push_back(traffic::parseFlow("limit=30000," + f));
+        for (const std::string& f : flows) {
+            parsed.push_back(traffic::parseFlow(f.find("limit=") != std::string::npos ? f : "limit=30000," + f));
+        }
         return traffic::run(parsed, mLive->cgroup());
     }
     std::unique_ptr<live::LiveSide> mLive;
