@@ -159,10 +159,12 @@ std::vector<std::string> suffixesIn(const char* dir, std::string_view prefix) {
     return suffixes;
 }
 
-// Ends every process in the cgroup at `path` and removes it; async-signal-safe, as the guard runs
-// it in a child forked from a process that may have threads.
-void killAndRemove(const char* path, const char* killFile, const char* procsFile) {
-    for (int tries = 0; rmdir(path) != 0 && errno == EBUSY && tries < 300; ++tries) {
+// Ends every process in the cgroup at `path` and removes it; false when it stays. Async-signal-
+// safe, as the guard runs it in a child forked from a process that may have threads.
+bool killAndRemove(const char* path, const char* killFile, const char* procsFile) {
+    for (int tries = 0; tries < 300; ++tries) {
+        if (rmdir(path) == 0 || errno == ENOENT) return true;
+        if (errno != EBUSY) return false;
         const int fd = open(killFile, O_WRONLY | O_CLOEXEC);
         if (fd >= 0) {
             ssize_t ignored = write(fd, "1", 1);
@@ -186,6 +188,7 @@ void killAndRemove(const char* path, const char* killFile, const char* procsFile
         const timespec pause{0, 10 * 1000 * 1000};
         nanosleep(&pause, nullptr);
     }
+    return false;
 }
 
 }  // namespace
@@ -317,9 +320,11 @@ void LiveSide::startGuard() {
         char byte;
         while (read(3, &byte, 1) != 0 && errno == EINTR) {
         }
-        killAndRemove(mCgroup.c_str(), killFile.c_str(), procs.c_str());
+        // A cgroup that stays keeps its folder, where a later sweep finds it: so a folder gone
+        // means that nothing of this live side runs any more.
+        const bool removed = killAndRemove(mCgroup.c_str(), killFile.c_str(), procs.c_str());
         umount2(mMount.c_str(), MNT_DETACH);
-        rmdir(mMount.c_str());
+        if (removed) rmdir(mMount.c_str());
         _exit(0);
     }
     close(pipeFds[0]);

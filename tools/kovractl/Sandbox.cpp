@@ -10,6 +10,7 @@
 #include <string.h>
 #include <sys/prctl.h>
 #include <sys/stat.h>
+#include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -58,10 +59,20 @@ void putSelfOnPath() {
 }
 
 // The command starts as it would from a shell: kovractl's own dispositions (SIGPIPE ignored, its
-// abort and termination handlers) and any blocked signal are not passed on.
+// abort and termination handlers), what it inherited ignored and any blocked signal are not
+// passed on. The kernel's own call, as libc keeps its internal signals out of signal()'s reach,
+// and glibc's posix_spawn() passes those on ignored.
 void restoreSignals() {
+    struct {
+        void (*handler)(int);
+        unsigned long flags;
+        void (*restorer)();
+        uint64_t mask;
+    } byDefault{SIG_DFL, 0, nullptr, 0};
     for (int sig = 1; sig < NSIG; ++sig) {
-        if (sig != SIGKILL && sig != SIGSTOP) signal(sig, SIG_DFL);
+        if (sig != SIGKILL && sig != SIGSTOP) {
+            syscall(SYS_rt_sigaction, sig, &byDefault, nullptr, sizeof(byDefault.mask));
+        }
     }
     sigset_t none;
     sigemptyset(&none);
