@@ -259,7 +259,8 @@ LiveSide::LiveSide() {
 void LiveSide::makeCgroup() {
     for (int tries = 0; tries < 10; ++tries) {
         char folder[] = "/tmp/kovra-live-cgroup.XXXXXX";
-        if (mkdtemp(folder) == nullptr) throw LiveError(errnoText("creating a cgroup2 mount point"));
+        if (mkdtemp(folder) == nullptr)
+            throw LiveError(errnoText("creating a cgroup2 mount point"));
         const int lock = open(folder, O_RDONLY | O_DIRECTORY | O_CLOEXEC);
         struct stat st;
         // A sweep may take a folder between mkdtemp and flock: then it is removed (no links).
@@ -275,7 +276,8 @@ void LiveSide::makeCgroup() {
             errno = err;
             throw LiveError(errnoText("mounting cgroup2"), true);
         }
-        const std::string cgroup = std::string(folder) + "/" + kCgroupPrefix + (folder + sizeof(kFolderPrefix) - 1);
+        const std::string cgroup =
+                std::string(folder) + "/" + kCgroupPrefix + (folder + sizeof(kFolderPrefix) - 1);
         if (mkdir(cgroup.c_str(), 0755) == 0) {
             mMount = folder;
             mCgroup = cgroup;

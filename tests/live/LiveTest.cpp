@@ -8,8 +8,8 @@
 // TCP header, the SYN 8 more of options; so the sender's bytes are its payload, plus what it
 // retransmitted, + 52 x its packets + 8. UDP: payload + 28 per datagram.
 #include <arpa/inet.h>
-#include <stdlib.h>
 #include <fcntl.h>
+#include <stdlib.h>
 #include <sys/file.h>
 #include <sys/stat.h>
 #include <time.h>
@@ -66,7 +66,8 @@ class LiveTest : public KernelTest {
     std::vector<traffic::Sent> drive(const std::vector<std::string>& flows) const {
         std::vector<traffic::Flow> parsed;
         for (const std::string& f : flows) {
-            parsed.push_back(traffic::parseFlow(f.find("limit=") != std::string::npos ? f : "limit=30000," + f));
+            parsed.push_back(traffic::parseFlow(
+                    f.find("limit=") != std::string::npos ? f : "limit=30000," + f));
         }
         return traffic::run(parsed, mLive->cgroup());
     }
@@ -341,12 +342,14 @@ using LiveSweep = LiveTest;
 TEST_F(LiveSweep, RemovesOnlyWhatKilledSidesLeft) {
     const std::string root = mLive->cgroup().substr(0, mLive->cgroup().rfind('/'));
     // {folder, cgroup, folder held, swept}
-    const std::vector<std::array<bool, 4>> leftovers = {
-            {true, true, false, true}, {true, false, false, true}, {false, true, false, false},
-            {true, true, true, false}};
+    const std::vector<std::array<bool, 4>> leftovers = {{true, true, false, true},
+                                                        {true, false, false, true},
+                                                        {false, true, false, false},
+                                                        {true, true, true, false}};
     int lock = -1;
-    auto folder = [](size_t i) { return "/tmp/kovra-live-cgroup." + std::to_string(getpid() * 10 + i); };
-    auto cgroup = [&](size_t i) { return root + "/kovra-live." + std::to_string(getpid() * 10 + i); };
+    const std::string tag = std::to_string(getpid());
+    auto folder = [&](size_t i) { return "/tmp/kovra-live-cgroup." + tag + char('a' + i); };
+    auto cgroup = [&](size_t i) { return root + "/kovra-live." + tag + char('a' + i); };
     for (size_t i = 0; i < leftovers.size(); ++i) {
         EXPECT_TRUE(!leftovers[i][0] || mkdir(folder(i).c_str(), 0700) == 0) << folder(i);
         EXPECT_TRUE(!leftovers[i][1] || mkdir(cgroup(i).c_str(), 0755) == 0) << cgroup(i);

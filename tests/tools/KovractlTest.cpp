@@ -458,9 +458,9 @@ TEST_F(KovractlTest, LiveCommandsStartCleanAndTheDriverChecksEveryWrite) {
 }
 
 // kill -9 of a live sandbox before, during and after a flow: within a second its folder is gone,
-// which its guard removes only once the sub-cgroup is, empty: nothing of it runs. Killed as the init of a PID namespace
-// of its own, it takes its guard with it: the next sandbox removes what is left and says so.
-// Two sandboxes in PID namespaces of their own each count only their own traffic.
+// which its guard removes only once the sub-cgroup is, empty: nothing of it runs. Killed as the
+// init of a PID namespace of its own, it takes its guard with it: the next sandbox removes what is
+// left and says so. Two sandboxes in PID namespaces of their own each count only their own traffic.
 TEST_F(KovractlTest, LiveSandboxKilledLeavesNothingAndSandboxesNeverCollide) {
     const std::string flow = std::string(KOVRA_TRAFFIC_PATH) + " flow uid=10081,peer=10082,";
     const std::string go = "; echo go ${KOVRA_LIVE_CGROUP##*.}; ";
@@ -472,9 +472,10 @@ TEST_F(KovractlTest, LiveSandboxKilledLeavesNothingAndSandboxesNeverCollide) {
             {false, flow + "bytes=1000 >/dev/null" + go + "exec sleep 60"},
             {true, "true" + go + "exec sleep 60"},
     };
-    for (const auto& [ownPidNamespace, command] : moments) {
-        std::vector<std::string> args{KOVRACTL_PATH, "sandbox", "--live", "--", "sh", "-c", command};
-        if (ownPidNamespace) args.insert(args.begin(), {"unshare", "--pid", "--fork"});
+    for (const auto& [pidNs, command] : moments) {
+        std::vector<std::string> args{KOVRACTL_PATH, "sandbox", "--live", "--",
+                                      "sh",          "-c",      command};
+        if (pidNs) args.insert(args.begin(), {"unshare", "--pid", "--fork"});
         const Started sandbox = start(args);
         std::string suffix;  // its first line: "go SUFFIX"
         for (char c; read(sandbox.out, &c, 1) == 1 && c != '\n';) suffix += c;
@@ -482,17 +483,17 @@ TEST_F(KovractlTest, LiveSandboxKilledLeavesNothingAndSandboxesNeverCollide) {
         suffix.erase(0, 3);
         const std::string task = std::to_string(sandbox.pid);
         pid_t victim = sandbox.pid;
-        if (ownPidNamespace) std::ifstream("/proc/" + task + "/task/" + task + "/children") >> victim;
+        if (pidNs) std::ifstream("/proc/" + task + "/task/" + task + "/children") >> victim;
         ASSERT_EQ(0, kill(victim, SIGKILL));
         const std::string folder = "/tmp/kovra-live-cgroup." + suffix;
         bool gone = false;
         for (int i = 0; i < 20 && !gone; ++i) {
             usleep(50000);
-            gone = ownPidNamespace || access(folder.c_str(), F_OK) != 0;
+            gone = pidNs || access(folder.c_str(), F_OK) != 0;
         }
         EXPECT_TRUE(gone) << command;
         finish(sandbox);
-        if (!ownPidNamespace) continue;
+        if (!pidNs) continue;
         const Outcome next = kovractl({"sandbox", "--live", "--", "true"});
         EXPECT_TRUE(contains(next.err, "kovractl sandbox: removed ")) << next;
         EXPECT_NE(0, access(folder.c_str(), F_OK)) << next;
@@ -500,9 +501,10 @@ TEST_F(KovractlTest, LiveSandboxKilledLeavesNothingAndSandboxesNeverCollide) {
 
     std::vector<Started> both;
     for (int uid : {10091, 10092}) {
-        both.push_back(start({"unshare", "--pid", "--fork", KOVRACTL_PATH, "sandbox", "--live", "--",
-                              "sh", "-c", flow.substr(0, flow.find("uid=") + 4) + std::to_string(uid) +
-                              ",peer=10099,bytes=3000,rate=3000 >/dev/null && kovractl -j stats uids"}));
+        both.push_back(start(
+                {"unshare", "--pid", "--fork", KOVRACTL_PATH, "sandbox", "--live", "--", "sh", "-c",
+                 flow.substr(0, flow.find("uid=") + 4) + std::to_string(uid) +
+                         ",peer=10099,bytes=3000,rate=3000 >/dev/null && kovractl -j stats uids"}));
     }
     for (int uid : {10091, 10092}) {
         const Outcome run = finish(both[uid - 10091]);

@@ -100,7 +100,8 @@ std::unique_ptr<live::LiveSide> goLive() {
     }
     try {
         auto live = std::make_unique<live::LiveSide>();
-        if (!live->swept().empty()) fprintf(stderr, "kovractl sandbox: %s\n", live->swept().c_str());
+        if (!live->swept().empty())
+            fprintf(stderr, "kovractl sandbox: %s\n", live->swept().c_str());
         setenv(live::kCgroupEnv, live->cgroup().c_str(), 1);
         return live;
     } catch (const live::LiveError& e) {
