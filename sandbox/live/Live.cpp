@@ -195,7 +195,8 @@ bool killAndRemove(const char* path, const char* killFile, const char* procsFile
 
 std::string sweepLeftovers(const std::string& cgroupRoot) {
     std::vector<std::string> suffixes = suffixesIn(cgroupRoot.c_str(), kCgroupPrefix);
-    for (std::string& s : suffixesIn("/tmp", kFolderPrefix + 5)) suffixes.push_back(std::move(s));
+    for (std::string& s : suffixesIn("/tmp", strrchr(kFolderPrefix, '/') + 1))
+        suffixes.push_back(std::move(s));
     std::sort(suffixes.begin(), suffixes.end());
     suffixes.erase(std::unique(suffixes.begin(), suffixes.end()), suffixes.end());
     int cgroups = 0, folders = 0;
