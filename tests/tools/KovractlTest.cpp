@@ -460,7 +460,8 @@ TEST_F(KovractlTest, LiveCommandsStartCleanAndTheDriverChecksEveryWrite) {
 // kill -9 of a live sandbox before, during and after a flow: within a second its folder is gone,
 // which its guard removes only once the sub-cgroup is, empty: nothing of it runs. Killed as the
 // init of a PID namespace of its own, it takes its guard with it: the next sandbox removes what is
-// left and says so. Two sandboxes in PID namespaces of their own each count only their own traffic.
+// left (its line is not checked: a live test running beside may sweep first). Two sandboxes in PID
+// namespaces of their own each count only their own traffic.
 TEST_F(KovractlTest, LiveSandboxKilledLeavesNothingAndSandboxesNeverCollide) {
     const std::string flow = std::string(KOVRA_TRAFFIC_PATH) + " flow uid=10081,peer=10082,";
     const std::string go = "; echo go ${KOVRA_LIVE_CGROUP##*.}; ";
@@ -495,7 +496,6 @@ TEST_F(KovractlTest, LiveSandboxKilledLeavesNothingAndSandboxesNeverCollide) {
         finish(sandbox);
         if (!pidNs) continue;
         const Outcome next = kovractl({"sandbox", "--live", "--", "true"});
-        EXPECT_TRUE(contains(next.err, "kovractl sandbox: removed ")) << next;
         EXPECT_NE(0, access(folder.c_str(), F_OK)) << next;
     }
 
