@@ -9,6 +9,7 @@
 #include <string.h>
 #include <sys/mount.h>
 #include <sys/stat.h>
+#include <sys/utsname.h>
 #include <unistd.h>
 
 #include <chrono>
@@ -116,9 +117,13 @@ struct LiveSide::Loaded {
         }
         libbpfLog.clear();
         if (const int err = bpf_object__load(object); err != 0) {
+            // One line naming the family the kernel refused, the verifier's account after it.
+            utsname kernel{};
+            uname(&kernel);
             errno = -err;
-            throw LiveError(errnoText(std::string("loading the ") + source.name +
-                                      " programs") + "\n" + libbpfLog);
+            throw LiveError(errnoText(std::string("this kernel (") + kernel.release +
+                                      ") cannot run the " + source.name + " programs") +
+                            "\n" + libbpfLog);
         }
         bpf_program* program;
         bpf_object__for_each_program(program, object) {
