@@ -228,7 +228,9 @@ cmdline="console=ttyAMA0 panic=-1 kpti=0 quiet"  # kpti costs ~7x per syscall un
 # traffic and timers, so three VMs on two cores take about as long as one
 # (measured: 43 s together against 107 s one after the other).
 pids=()
+# No VM outlives the script, however it ends.
 trap 'kill "${pids[@]}" 2>/dev/null || true' EXIT
+trap 'exit 130' INT TERM
 for gen in "${kernels[@]}"; do
     timeout 900 qemu-system-aarch64 -M virt -cpu cortex-a57 -smp 2 -m 1024 \
         -nographic -nic none -no-reboot \
