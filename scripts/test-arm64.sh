@@ -29,13 +29,14 @@ die() { echo "test-arm64: $*" >&2; exit 1; }
 # Each generation is the cloud kernel of the Debian release that ships it:
 # 5.10 (Android 12/13 launches), 6.1 (Android 14/15), 6.12 (Android 16).
 declare -A suites=([5.10]=bullseye [6.1]=bookworm [6.12]=trixie)
+generations="5.10 6.1 6.12"
 if (($#)); then
     kernels=("$@")
 else
-    read -ra kernels <<<"${KOVRA_ARM64_KERNELS:-5.10 6.1 6.12}"
+    read -ra kernels <<<"${KOVRA_ARM64_KERNELS:-$generations}"
 fi
 for gen in "${kernels[@]}"; do
-    [[ -v suites[$gen] ]] || die "unknown kernel generation '$gen' (known: ${!suites[*]})"
+    [[ -v suites[$gen] ]] || die "unknown kernel generation '$gen' (known: $generations)"
 done
 
 # --- host packages --------------------------------------------------------
