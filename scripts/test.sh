@@ -29,7 +29,7 @@ echo "== sanitized build (ASan + UBSan)"
 export ASAN_OPTIONS=detect_leaks=1
 { build build/asan -DKOVRA_SANITIZE=ON -DKOVRA_BUILD_BENCH=OFF && check build/asan; } || status=1
 unset ASAN_OPTIONS
-echo "== arm64 kernel (qemu)"
+echo "== arm64 kernels 5.10, 6.1, 6.12 (qemu)"
 bash scripts/test-arm64.sh || status=1
 echo "== fuzzing (libFuzzer, ASan + UBSan)"
 FUZZ_SECONDS=${FUZZ_SECONDS:-20} bash scripts/fuzz.sh || status=1

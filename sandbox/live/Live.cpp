@@ -14,6 +14,7 @@
 #include <sys/prctl.h>
 #include <sys/stat.h>
 #include <sys/statfs.h>
+#include <sys/utsname.h>
 #include <sys/wait.h>
 #include <time.h>
 #include <unistd.h>
@@ -122,9 +123,13 @@ struct LiveSide::Loaded {
         }
         libbpfLog.clear();
         if (const int err = bpf_object__load(object); err != 0) {
+            // One line naming the family the kernel refused, the verifier's account after it.
+            utsname kernel{};
+            uname(&kernel);
             errno = -err;
-            throw LiveError(errnoText(std::string("loading the ") + source.name +
-                                      " programs") + "\n" + libbpfLog);
+            throw LiveError(errnoText(std::string("this kernel (") + kernel.release +
+                                      ") cannot run the " + source.name + " programs") +
+                            "\n" + libbpfLog);
         }
         bpf_program* program;
         bpf_object__for_each_program(program, object) {
