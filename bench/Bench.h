@@ -6,6 +6,7 @@
 #pragma once
 
 #include <bpf/bpf.h>
+#include <kovrabpf/KovraBpfNetworkStats.h>
 #include <errno.h>
 #include <stdint.h>
 #include <string.h>

@@ -5,6 +5,8 @@
 
 #include <vector>
 
+#include <kovrabpf/KovraKernelContract.h>
+
 #include "kovrasandbox/Maps.h"
 
 namespace kovra::sandbox {
@@ -87,7 +89,7 @@ void seedFreeze(uint64_t nowNs) {
         const uint64_t h = mix(uid);
         stats.put(uid, {{h % 90000, (h >> 20) % 40000, h % 90, (h >> 40) % 60, (h >> 8) % 7}});
     }
-    Seeded(maps::kAppFreezeConfig).put(1, {1, 30, 600});
+    Seeded(maps::kAppFreezeConfig).put(KOVRA_FREEZE_CONFIG_KEY, {1, 30, 600});
 }
 
 // ---- Speeds: sockets and (UID, interface) pairs, fresh and stale. ----
@@ -160,7 +162,7 @@ void seedSpeeds(uint64_t nowNs) {
     measured.put(kLoopback, {1, 1});
     measured.put(kWifi, {1, 0});
     measured.put(kCellular, {1, 0});
-    Seeded(maps::kAppSocketSpeedsConfig).put(0, 3);
+    Seeded(maps::kAppSocketSpeedsConfig).put(KOVRA_SPEEDS_CONFIG_KEY, 3);
 
     Seeded sockets(maps::kAppSocketSpeeds);
     Seeded info(maps::kAppSocketInfo);
@@ -217,16 +219,16 @@ void seedWakeup(uint64_t nowNs) {
 
     // The screen went on an hour ago.
     Seeded screen(maps::kScreenState);
-    screen.put(1, 2);
-    screen.put(3, ago(nowNs, 3600 * 1000));
+    screen.put(KOVRA_SCREEN_CODE_KEY, KOVRA_SCREEN_ON);
+    screen.put(KOVRA_SCREEN_ON_STAMP_KEY, ago(nowNs, 3600 * 1000));
 
-    // The kernel side found the inbound sequence map (1) and the inbound wake-up map (8)
-    // overflowing. Value 2 and key 64 mean nothing to the library and stay as they are.
+    // The kernel side found the inbound sequence map and the inbound wake-up map overflowing.
+    // Value 2 and key 64 mean nothing to the library and stay as they are.
     Seeded overflow(maps::kOverflowingMapCheck);
-    overflow.put(1, 1);
-    overflow.put(8, 1);
-    overflow.put(2, 2);
-    overflow.put(64, 1);
+    overflow.put(KOVRA_OVERFLOW_IN_SEQ, KOVRA_OVERFLOWING);
+    overflow.put(KOVRA_OVERFLOW_INWAKEUP, KOVRA_OVERFLOWING);
+    overflow.put(KOVRA_OVERFLOW_OUT_SEQ, 2);
+    overflow.put(64, KOVRA_OVERFLOWING);
 }
 
 // ---- Blocking: one app cut off by each switch. ----

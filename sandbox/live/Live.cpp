@@ -42,20 +42,10 @@ int collectLibbpfLog(libbpf_print_level level, const char* format, va_list args)
     return n;
 }
 
-// A catalogue map's short name, as the programs name their maps: the last path component
-// without its "map_kovra-netd_" or "map_netd_" prefix and its "_map" suffix.
-std::string_view shortName(std::string_view path) {
-    path.remove_prefix(path.rfind('/') + 1);
-    for (std::string_view prefix : {"map_kovra-netd_", "map_netd_"}) {
-        if (path.substr(0, prefix.size()) == prefix) path.remove_prefix(prefix.size());
-    }
-    if (path.size() > 4 && path.substr(path.size() - 4) == "_map") path.remove_suffix(4);
-    return path;
-}
-
+// The programs name their maps by the catalogue's short names.
 const char* cataloguePath(std::string_view mapName) {
     for (const android::bpf::PinnedMapInfo& row : android::bpf::kPinnedMaps) {
-        if (shortName(row.path) == mapName) return row.path;
+        if (row.name == mapName) return row.path;
     }
     return nullptr;
 }

@@ -27,6 +27,8 @@
 
 #include <gtest/gtest.h>
 
+#include <kovrabpf/KovraBpfNetworkStats.h>
+#include <kovrabpf/KovraPinnedMaps.h>
 #include <kovrasandbox/Bpffs.h>
 #include <kovrasandbox/Maps.h>
 #include <kovrasandbox/Netns.h>

@@ -57,17 +57,7 @@ CLI::Validator unsignedNumber(uint64_t max) {
 }
 
 std::string mapName(const char* path) {
-    std::string name(path);
-    name = name.substr(name.rfind('/') + 1);
-    for (const char* prefix : {"map_kovra-netd_", "map_netd_"}) {
-        if (name.rfind(prefix, 0) == 0) name = name.substr(strlen(prefix));
-    }
-    const std::string suffix = "_map";
-    if (name.size() > suffix.size() &&
-        name.compare(name.size() - suffix.size(), suffix.size(), suffix) == 0) {
-        name.resize(name.size() - suffix.size());
-    }
-    return name;
+    return rowOf(path).name;
 }
 
 void allOrNone(CLI::App* command, std::vector<CLI::Option*> options, std::function<void()> more) {

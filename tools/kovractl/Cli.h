@@ -44,8 +44,7 @@ inline void onRun(CLI::App* command, Context& ctx, std::function<int()> action) 
     });
 }
 
-// A pinned map's short name: its file name without the kernel side's prefix and the "_map"
-// suffix ("/sys/fs/bpf/map_kovra-netd_app_tcp_fin_drop_map" is "app_tcp_fin_drop").
+// A catalogue map's short name ("app_tcp_fin_drop").
 std::string mapName(const char* path);
 
 // The one number grammar of every argument: unsigned decimal without a leading zero, or

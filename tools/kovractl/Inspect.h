@@ -16,9 +16,7 @@
 
 namespace kovra::tool {
 
-// How the command's service opens a map: read-only (no lock), or read-write, which takes the
-// shared lock and refuses a map whose flags make it read-only.
-enum class Access { kReadOnly, kReadWrite };
+using Access = android::bpf::MapAccess;
 
 // What kovractl finds at a catalogue path. `state` is "ok" or one word for the first thing that
 // the library would refuse: missing, not-a-map, no-access, wrong-type, wrong-size, read-only,

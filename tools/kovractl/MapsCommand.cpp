@@ -29,17 +29,6 @@ const char* familyName(MapFamily family) {
     return "?";
 }
 
-// The maps that no service opens read-write; the others must also be writable and unlocked.
-Access accessOf(const PinnedMapInfo& row) {
-    for (const char* path : {maps::kNetdAppUidStats.path, maps::kUidPurStats.path,
-                             maps::kAppTcpFinDrop.path, maps::kAppTcpOutImHb.path,
-                             maps::kAppTcpOutAlign.path, maps::kAppTcpInKeepAlive.path,
-                             maps::kAppTcpReinwakeup.path, maps::kAppTcpReoutwakeup.path}) {
-        if (strcmp(row.path, path) == 0) return Access::kReadOnly;
-    }
-    return Access::kReadWrite;
-}
-
 Json optional(const std::optional<uint32_t>& value) {
     return value ? Json(*value) : Json(nullptr);
 }
@@ -49,7 +38,7 @@ int listMaps(const Context& ctx) {
     Json json = Json::array();
     std::vector<std::string> problems;
     for (const PinnedMapInfo& row : kPinnedMaps) {
-        const MapState s = inspectMap(row, accessOf(row));
+        const MapState s = inspectMap(row, row.access);
         const Json type = s.type ? Json(*s.type) : Json(nullptr);
         const Json entries = s.entries ? Json(*s.entries) : Json(nullptr);
         rows.rows.push_back({mapName(row.path), familyName(row.family), type,
@@ -57,7 +46,7 @@ int listMaps(const Context& ctx) {
         json.push_back({{"name", mapName(row.path)},
                         {"path", row.path},
                         {"family", familyName(row.family)},
-                        {"access", accessOf(row) == Access::kReadOnly ? "read-only" : "read-write"},
+                        {"access", row.access == Access::kReadOnly ? "read-only" : "read-write"},
                         {"type", type},
                         {"keySize", optional(s.keySize)},
                         {"valueSize", optional(s.valueSize)},
@@ -129,8 +118,8 @@ struct Dumper {
 };
 
 template <typename K, typename V>
-Dumper dumper(const PinnedMap<K, V>& map, const char* keyName, const char* valueName) {
-    return {map.path, [&map, keyName, valueName] {
+Dumper dumper(const PinnedMap<K, V>& map) {
+    return {map.path, [&map, keyName = map.keyLabel, valueName = map.valueLabel] {
                 Rows rows;
                 Json names = Json::object();
                 decode(names, keyName, K{});
@@ -149,35 +138,11 @@ Dumper dumper(const PinnedMap<K, V>& map, const char* keyName, const char* value
 }
 
 const std::vector<Dumper>& dumpers() {
-    static const std::vector<Dumper> all = {
-            dumper(maps::kNetdAppUidStats, "uid", ""),
-            dumper(maps::kUidPurStats, "uid", ""),
-            dumper(maps::kAppFreezeSyn, "key", ""),
-            dumper(maps::kAppFreezeStats, "key", ""),
-            dumper(maps::kAppFreezeConfig, "key", ""),
-            dumper(maps::kAppSocketSpeeds, "cookie", ""),
-            dumper(maps::kAppSocketInfo, "cookie", ""),
-            dumper(maps::kAppSocketSpeedsIfindex, "ifindex", ""),
-            dumper(maps::kAppUidSpeeds, "", ""),
-            dumper(maps::kAppSocketSpeedsConfig, "key", "config"),
-            dumper(maps::kAppTcpFinDrop, "uid", "count"),
-            dumper(maps::kAppTcpInwakeup, "uid", "count"),
-            dumper(maps::kAppTcpOutwakeup, "uid", "count"),
-            dumper(maps::kAppTcpWakeupduration, "uid", "count"),
-            dumper(maps::kAppTcpOutImHb, "uid", "count"),
-            dumper(maps::kAppTcpOutAlign, "uid", "count"),
-            dumper(maps::kAppTcpInKeepAlive, "uid", "count"),
-            dumper(maps::kAppTcpReinwakeup, "uid", "count"),
-            dumper(maps::kAppTcpReoutwakeup, "uid", "count"),
-            dumper(maps::kImAppHbLen, "uid", "hbLen"),
-            dumper(maps::kScreenState, "key", "value"),
-            dumper(maps::kOverflowingMapCheck, "bit", "flag"),
-            dumper(maps::kSkTcpCookieInSeq, "cookie", "seq"),
-            dumper(maps::kSkTcpCookieOutSeq, "cookie", "seq"),
-            dumper(maps::kSkTcpCookieOutAck, "cookie", "ack"),
-            dumper(maps::kAppNetDisconnLimit, "uid", "value"),
-            dumper(maps::kAppVuskLimit, "uid", "value"),
-    };
+    static const std::vector<Dumper> all = [] {
+        std::vector<Dumper> dumpers;
+        forEachMap([&](const auto& map) { dumpers.push_back(dumper(map)); });
+        return dumpers;
+    }();
     return all;
 }
 

@@ -1,6 +1,7 @@
 // kovractl wakeup and kovractl screen: the TCP wake-up detector's per-UID counters, the IM
 // heartbeat lengths and the screen-state switch with the overflowing maps it resets.
 #include <kovrabpf/KovraBpfNetworkStats.h>
+#include <kovrabpf/KovraKernelContract.h>
 
 #include <map>
 
@@ -67,9 +68,12 @@ std::vector<std::string> shortNames() {
 
 // The maps the screen-on reset clears, by their bit in the overflow check map.
 const std::vector<std::pair<uint32_t, const char*>> kOverflowBits = {
-        {1, maps::kSkTcpCookieInSeq.path},  {2, maps::kSkTcpCookieOutSeq.path},
-        {4, maps::kSkTcpCookieOutAck.path}, {8, maps::kAppTcpInwakeup.path},
-        {16, maps::kAppTcpOutwakeup.path},  {32, maps::kAppTcpWakeupduration.path}};
+        {KOVRA_OVERFLOW_IN_SEQ, maps::kSkTcpCookieInSeq.path},
+        {KOVRA_OVERFLOW_OUT_SEQ, maps::kSkTcpCookieOutSeq.path},
+        {KOVRA_OVERFLOW_OUT_ACK, maps::kSkTcpCookieOutAck.path},
+        {KOVRA_OVERFLOW_INWAKEUP, maps::kAppTcpInwakeup.path},
+        {KOVRA_OVERFLOW_OUTWAKEUP, maps::kAppTcpOutwakeup.path},
+        {KOVRA_OVERFLOW_WAKEUPDURATION, maps::kAppTcpWakeupduration.path}};
 
 struct WakeupOptions {
     std::vector<std::string> maps;
@@ -147,10 +151,14 @@ std::map<uint32_t, Json> overflowFlags() {
 int showScreen(const Context& ctx) {
     requireMaps({needs(maps::kScreenState, Access::kReadOnly),
                  needs(maps::kOverflowingMapCheck, Access::kReadOnly)});
-    std::map<uint32_t, Json> state = {{1, nullptr}, {2, nullptr}, {3, nullptr}};
+    std::map<uint32_t, Json> state = {{KOVRA_SCREEN_CODE_KEY, nullptr},
+                                      {KOVRA_SCREEN_OFF_STAMP_KEY, nullptr},
+                                      {KOVRA_SCREEN_ON_STAMP_KEY, nullptr}};
     for (const auto& [key, value] : readEntries(maps::kScreenState)) state[key] = value;
-    const Json code = state[1];
-    const Json name = code == 2 ? Json("on") : code == 1 ? Json("off") : Json(nullptr);
+    const Json code = state[KOVRA_SCREEN_CODE_KEY];
+    const Json name = code == KOVRA_SCREEN_ON    ? Json("on")
+                      : code == KOVRA_SCREEN_OFF ? Json("off")
+                                                 : Json(nullptr);
     Rows overflow{{"bit", "map", "flag", "entries"}, {}};
     const std::map<uint32_t, Json> flags = overflowFlags();
     for (const auto& [bit, path] : kOverflowBits) {
@@ -159,15 +167,15 @@ int showScreen(const Context& ctx) {
     if (ctx.jsonOutput()) {
         printJson(ctx, {{"state", name},
                         {"stateCode", code},
-                        {"offStamp", state[2]},
-                        {"onStamp", state[3]},
+                        {"offStamp", state[KOVRA_SCREEN_OFF_STAMP_KEY]},
+                        {"onStamp", state[KOVRA_SCREEN_ON_STAMP_KEY]},
                         {"overflow", overflow.toJson()}});
         return kExitOk;
     }
     auto text = [](const Json& value) { return value.is_null() ? std::string("-") : value.dump(); };
     printf("screen: %s (state code %s), last off at stamp %s, last on at stamp %s\n",
            name.is_null() ? "never set" : name.get<std::string>().c_str(), text(code).c_str(),
-           text(state[2]).c_str(), text(state[3]).c_str());
+           text(state[KOVRA_SCREEN_OFF_STAMP_KEY]).c_str(), text(state[KOVRA_SCREEN_ON_STAMP_KEY]).c_str());
     printf("overflow flags (1: reset by the next `screen on`):\n");
     overflow.print();
     return kExitOk;
@@ -184,7 +192,7 @@ int switchScreen(const Context& ctx, const std::string& state, uint64_t stamp) {
         if (inspectMap(rowOf(maps::kOverflowingMapCheck.path), Access::kReadOnly).state == "ok") {
             const std::map<uint32_t, Json> flags = overflowFlags();
             for (const auto& [bit, path] : kOverflowBits) {
-                if (flags.at(bit) != 1) continue;
+                if (flags.at(bit) != KOVRA_OVERFLOWING) continue;
                 flagged.push_back({bit, path});
                 needed.push_back({&rowOf(path), Access::kReadWrite});
             }

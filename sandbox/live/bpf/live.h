@@ -15,6 +15,7 @@
 #include <stdbool.h>
 #include <bpf/bpf_endian.h>
 #include <bpf/bpf_helpers.h>
+#include <kovrabpf/KovraKernelContract.h>
 
 #define NS_PER_MS 1000000ULL
 
@@ -26,16 +27,16 @@
         __type(value, value_);                     \
     } name_ SEC(".maps")
 
-// Both limit maps block alike: an entry with the value 1 cuts the UID off (the services write
-// only 1; anything else is read as "not blocked").
+// Both limit maps block alike: an entry with KOVRA_BLOCKED cuts the UID off (the services write
+// only that; anything else is read as "not blocked").
 HASH_MAP(app_net_disconn_limit, __u32, __u32);
 HASH_MAP(app_vusk_limit, __u32, __u32);
 
 static __always_inline bool blocked(__u32 uid) {
     __u32* value = bpf_map_lookup_elem(&app_net_disconn_limit, &uid);
-    if (value != NULL && *value == 1) return true;
+    if (value != NULL && *value == KOVRA_BLOCKED) return true;
     value = bpf_map_lookup_elem(&app_vusk_limit, &uid);
-    return value != NULL && *value == 1;
+    return value != NULL && *value == KOVRA_BLOCKED;
 }
 
 // One packet as the counting programs see it. Its direction stays a constant argument of the
