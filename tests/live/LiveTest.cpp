@@ -139,24 +139,28 @@ static_assert(sizeof(SynRecord) == sizeof(AppFreezeSynInfo));
 using LiveFreeze = LiveTest;
 
 TEST_F(LiveFreeze, FrozenAppsSynsAndTrafficAreHarvestedOnce) {
+    // Two apps frozen at once, each accounted under its own UID.
     live::setFrozen(10021, true);
-    const auto sent = drive({"uid=10021,peer=10002,bytes=3000", "uid=10003,peer=10021,bytes=2000"});
+    live::setFrozen(10022, true);
+    const auto sent = drive({"uid=10021,peer=10002,bytes=3000", "uid=10003,peer=10021,bytes=2000",
+                             "uid=10022,peer=10002,bytes=1000"});
     ASSERT_EQ(3000u, sent[0].received);
 
     auto syns = snapshot(bpfFetchAppFreezeSyns);
-    ASSERT_EQ(2u, syns.size());
+    ASSERT_EQ(3u, syns.size());
     for (const auto& [cookie, record] : syns) {
         SynRecord syn;
         memcpy(&syn, &record, sizeof(syn));
         const bool out = cookie == sent[0].cookie;
-        EXPECT_EQ(10021u, syn.uid);
+        EXPECT_EQ(cookie == sent[2].cookie ? 10022u : 10021u, syn.uid);
+        if (cookie == sent[2].cookie) continue;
         EXPECT_EQ(out ? 0u : 1u, syn.inbound);
         EXPECT_EQ(1u, syn.attempts);
         EXPECT_EQ(sent[out ? 0 : 1].port, out ? syn.remotePort : syn.localPort);
         EXPECT_EQ(htonl(INADDR_LOOPBACK), syn.remote4);
     }
     auto stats = snapshot(bpfFetchAppFreezeStats);
-    ASSERT_EQ(1u, stats.size());
+    ASSERT_EQ(2u, stats.size());
     KovraStatsValue totals{};
     ASSERT_EQ(0, bpfGetUidPurStats(10021, totals));
     EXPECT_EQ(0, memcmp(&totals, &stats.at(10021), 32)) << "the same four counters";
@@ -166,7 +170,8 @@ TEST_F(LiveFreeze, FrozenAppsSynsAndTrafficAreHarvestedOnce) {
 
     // Harvested once; a thawed app is no longer accounted.
     live::setFrozen(10021, false);
-    drive({"uid=10021,peer=10002,bytes=100"});
+    live::setFrozen(10022, false);
+    drive({"uid=10021,peer=10002,bytes=100", "uid=10022,peer=10002,bytes=100"});
     EXPECT_TRUE(snapshot(bpfFetchAppFreezeSyns).empty());
     EXPECT_TRUE(snapshot(bpfFetchAppFreezeStats).empty());
 }

@@ -19,10 +19,12 @@
 
 #define NS_PER_MS 1000000ULL
 
+// The loader swaps every catalogue map for the pinned one, which keeps its own room; the desk's
+// own maps are created with this room, enough for every UID a test or a sandbox freezes.
 #define HASH_MAP(name_, key_, value_)              \
     struct {                                       \
         __uint(type, BPF_MAP_TYPE_HASH);           \
-        __uint(max_entries, 1);                    \
+        __uint(max_entries, 1024);                 \
         __type(key, key_);                         \
         __type(value, value_);                     \
     } name_ SEC(".maps")
