@@ -43,7 +43,7 @@ class Stage {
     template <typename K, typename V>
     const RawMap& put(const PinnedMap<K, V>& map, int64_t n,
                       V (*make)(const K&) = derivedFrom<K, V>) {
-        saved_.emplace_back(map.path, RawMap::open(map.path));
+        saved_.emplace_back(map.path, RawMap::find(map.path, sandbox::Access::kReadWrite));
         const RawMap& made = made_.emplace_back(map.path, sizeof(K), sizeof(V), n + 16);
         if (n > 0) fill(made, n, make);
         return made;

@@ -20,6 +20,7 @@
 #include <bpf/libbpf.h>
 
 #include <kovrabpf/KovraPinnedMaps.h>
+#include <kovrasandbox/Maps.h>
 
 #include "Objects.h"
 
@@ -99,7 +100,7 @@ struct LiveSide::Loaded {
                     errno = -err;
                     throw LiveError(errnoText(std::string("reusing ") + path));
                 }
-            } else if (std::string_view(name) == "desk_frozen_uids") {
+            } else if (std::string_view(name) == kFrozenUids.name) {
                 makeFolder(kFrozenUidsPath);
                 bpf_map__set_pin_path(map, kFrozenUidsPath);
             }
@@ -183,27 +184,14 @@ void LiveSide::tearDown() {
     mMount.clear();
 }
 
-size_t LiveSide::programs() const {
-    return mLoaded ? mLoaded->links.size() : 0;
-}
-
 void joinCgroup(const std::string& cgroup) {
     writeFile(cgroup + "/cgroup.procs", "0");
 }
 
 void setFrozen(uint32_t uid, bool frozen) {
-    const int fd = bpf_obj_get(kFrozenUidsPath);
-    if (fd < 0) throw LiveError(errnoText(std::string("opening ") + kFrozenUidsPath));
-    const uint32_t one = 1;
-    const int err = frozen ? bpf_map_update_elem(fd, &uid, &one, BPF_ANY)
-                           : bpf_map_delete_elem(fd, &uid);
-    const int saved = errno;
-    close(fd);
-    errno = saved;
+    const auto map = sandbox::openMap(kFrozenUids);
     // Thawing a UID that is not frozen is no mistake.
-    if (err != 0 && !(!frozen && errno == ENOENT)) {
-        throw LiveError(errnoText("writing " + std::string(kFrozenUidsPath)));
-    }
+    frozen ? map.put(uid, 1) : (void)map.erase(uid);
 }
 
 }  // namespace kovra::live

@@ -55,7 +55,7 @@ int main(int argc, char** argv) {
         if (*end != '\0' || args[1].empty() || uid > UINT32_MAX) return usage("not a UID: " + args[1]);
         try {
             kovra::live::setFrozen(static_cast<uint32_t>(uid), args[0] == "freeze");
-        } catch (const kovra::live::LiveError& e) {
+        } catch (const kovra::sandbox::Error& e) {
             return environment(std::string(e.what()) + " (is this a live sandbox?)");
         }
         printf("UID %lu %s\n", uid, args[0] == "freeze" ? "frozen" : "thawed");

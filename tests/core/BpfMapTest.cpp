@@ -19,7 +19,7 @@ constexpr PinnedMap<uint32_t, uint64_t> kMap{"/sys/fs/bpf/map_test_u32_u64_map"}
 class BpfMapTest : public KernelTest {};
 
 void fill(const TypedMap<uint32_t, uint64_t>& map, uint32_t n) {
-    for (uint32_t k = 1; k <= n; ++k) ASSERT_TRUE(map.put(k, k * 10ull));
+    for (uint32_t k = 1; k <= n; ++k) map.put(k, k * 10ull);
 }
 
 // Every failure is the operation's own message with the kernel's errno.
@@ -32,7 +32,7 @@ void expectError(const Result<T>& result, const char* message, int err) {
 
 TEST_F(BpfMapTest, SingleOperationsReportMessageAndErrno) {
     TypedMap map(kMap);
-    ASSERT_TRUE(map.put(7, 70));
+    map.put(7, 70);
     BpfMap<uint32_t, uint64_t> handle(kMap);
     EXPECT_EQ(70u, handle.readValue(7).value());
     expectError(handle.readValue(8), "BpfMap::readValue() failed", ENOENT);
@@ -219,7 +219,7 @@ int openRaw(const char* path) {
 
 TEST_F(BpfMapDeathTest, ReadWriteOpenersShareTheLockAndAWriteLockExcludesThem) {
     TypedMap map(kMap);
-    const uint32_t id = map.id();
+    const uint32_t id = map.info().id;
     const int probe = openRaw(kMap.path);
     ASSERT_GE(probe, 0);
     {
@@ -255,7 +255,7 @@ TEST_F(BpfMapDeathTest, MapIdDecidesWhetherTheLockCanBeTaken) {
     {
         BpfMap<uint32_t, uint64_t> unlocked(kMap);
         const int probe = openRaw(kMap.path);
-        struct flock lock = byteLock(F_WRLCK, map.id());
+        struct flock lock = byteLock(F_WRLCK, map.info().id);
         EXPECT_EQ(0, fcntl(probe, F_OFD_SETLK, &lock)) << "no lock was taken";
         close(probe);
     }

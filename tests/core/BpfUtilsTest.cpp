@@ -98,7 +98,7 @@ TEST_F(BpfLockTest, RefusedLockClosesTheDescriptor) {
     ASSERT_GE(fd, 0);
     struct flock lock{};
     lock.l_type = F_WRLCK;
-    lock.l_start = map.id();
+    lock.l_start = map.info().id;
     lock.l_len = 1;
     ASSERT_EQ(0, fcntl(holder, F_OFD_SETLK, &lock));
 

@@ -9,7 +9,6 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <bpf/bpf.h>
 
 #include <map>
 #include <memory>
@@ -108,15 +107,18 @@ Snapshot snapshotMaps() {
     Snapshot snapshot;
     for (const PinnedMapInfo& row : kPinnedMaps) {
         auto& entries = snapshot[row.path];
-        std::optional<RawMap> map = RawMap::open(row.path, true);
-        if (!map) continue;
-        // A map that does not fit its records is read by its own sizes; a per-CPU one by keys.
-        const sandbox::MapShape shape = map->shape();
-        for (const auto& key : map->rawKeys(shape.keySize)) {
-            std::vector<uint8_t> value(shape.valueSize);
-            if (shape.type != BPF_MAP_TYPE_HASH || map->getRaw(key.data(), value.data())) {
-                entries[key] = value;
+        // A map that does not fit its records is read by its own sizes; a per-CPU one by keys;
+        // one that cannot be opened is left out.
+        try {
+            const RawMap map = RawMap::open(row.path, sandbox::Access::kReadOnly);
+            const sandbox::MapInfo shape = map.info();
+            for (const auto& key : map.rawKeys(shape.keySize)) {
+                std::vector<uint8_t> value(shape.valueSize);
+                if (shape.type != BPF_MAP_TYPE_HASH || map.getRaw(key.data(), value.data())) {
+                    entries[key] = value;
+                }
             }
+        } catch (const sandbox::Error&) {
         }
     }
     return snapshot;
@@ -136,10 +138,7 @@ std::string line(const std::vector<std::string>& args) {
 using Holder = std::shared_ptr<void>;
 
 Holder perCpuAt(const char* path, uint32_t keySize, uint32_t valueSize) {
-    const int fd = bpf_map_create(BPF_MAP_TYPE_PERCPU_HASH, nullptr, keySize, valueSize, 8, nullptr);
-    unlink(path);
-    EXPECT_EQ(0, bpf_obj_pin(fd, path)) << path;
-    close(fd);
+    RawMap(path, keySize, valueSize, 8, 0, BPF_MAP_TYPE_PERCPU_HASH);
     return nullptr;
 }
 
@@ -147,7 +146,7 @@ Holder writeLocked(const char* path) {
     auto map = std::make_shared<RawMap>(path, 4, 4);
     struct flock lock = {};
     lock.l_type = F_WRLCK;
-    lock.l_start = map->id();
+    lock.l_start = map->info().id;
     lock.l_len = 1;
     EXPECT_EQ(0, fcntl(map->fd(), F_OFD_SETLK, &lock)) << strerror(errno);
     return map;
