@@ -1,5 +1,5 @@
-// What every kovractl subcommand shares: the parsed global flags, argument checks, rows printed as
-// tables or JSON, and the rule that turns a service's status into an exit code.
+// What every kovractl subcommand shares: the parsed global flags, argument checks, and the rule
+// that turns a service's status into an exit code.
 #pragma once
 
 #include <stdint.h>
@@ -11,16 +11,14 @@
 #include <vector>
 
 #include <CLI/CLI.hpp>
-#include <nlohmann/json.hpp>
 
 #include <kovrabpf/KovraPinnedMaps.h>
 
 #include "Inspect.h"
+#include "Output.h"
 #include "ToolError.h"
 
 namespace kovra::tool {
-
-using Json = nlohmann::ordered_json;
 
 struct Context {
     bool json = false;            // -j: compact JSON instead of tables
@@ -42,6 +40,11 @@ inline void onRun(CLI::App* command, Context& ctx, std::function<int()> action) 
     command->callback([&ctx, action = std::move(action)] {
         if (!ctx.action) ctx.action = action;
     });
+}
+
+// The same for a command that returns what it shows, printed by render().
+inline void onShow(CLI::App* command, Context& ctx, std::function<Output()> show) {
+    onRun(command, ctx, [&ctx, show = std::move(show)] { return render(ctx, show()); });
 }
 
 // A catalogue map's short name ("app_tcp_fin_drop").
@@ -70,29 +73,6 @@ void allOrNone(CLI::App* command, std::vector<CLI::Option*> options,
 
 // Throws the ToolError of a failed service status, with failureText().
 void check(int status, const std::string& what);
-
-// Rows of a listing: camelCase column names (the JSON keys; the table's headers are their
-// upper-case forms) and one cell per column in every row, null where there is no value.
-struct Rows {
-    std::vector<std::string> columns;
-    std::vector<std::vector<Json>> rows;
-    Json toJson() const;
-    void print() const;  // an aligned table: numbers right-aligned, null as "-"
-};
-
-// Prints `value` as JSON on stdout: compact with -j, indented with -p.
-void printJson(const Context& ctx, const Json& value);
-
-// The rows as a table with a closing count ("307 UIDs"), or as a JSON array.
-void printRows(const Context& ctx, const Rows& rows, const std::string& noun);
-
-// "1 UID", "307 UIDs".
-std::string countOf(size_t count, const std::string& noun);
-
-// For a change through a service: "<what>: ok" on success, or with JSON output the `details`
-// with "status"; throws for a failed status. `report` lines say what else the change did.
-int reportChange(const Context& ctx, int status, const std::string& what, Json details,
-                 const std::vector<std::string>& report = {});
 
 // Sorted keys of an unordered result table, so output is stable from run to run.
 template <typename Map>

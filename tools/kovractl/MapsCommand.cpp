@@ -33,9 +33,9 @@ Json optional(const std::optional<uint32_t>& value) {
     return value ? Json(*value) : Json(nullptr);
 }
 
-int listMaps(const Context& ctx) {
+Output listMaps() {
     Rows rows{{"name", "family", "type", "keySize", "valueSize", "entries", "state"}, {}};
-    Json json = Json::array();
+    Output out{Json::array()};
     std::vector<std::string> problems;
     for (const PinnedMapInfo& row : kPinnedMaps) {
         const MapState s = inspectMap(row, row.access);
@@ -43,7 +43,7 @@ int listMaps(const Context& ctx) {
         const Json entries = s.entries ? Json(*s.entries) : Json(nullptr);
         rows.rows.push_back({mapName(row.path), familyName(row.family), type,
                              optional(s.keySize), optional(s.valueSize), entries, s.state});
-        json.push_back({{"name", mapName(row.path)},
+        out.json.push_back({{"name", mapName(row.path)},
                         {"path", row.path},
                         {"family", familyName(row.family)},
                         {"access", row.access == Access::kReadOnly ? "read-only" : "read-write"},
@@ -57,13 +57,10 @@ int listMaps(const Context& ctx) {
                         {"problem", s.problem.empty() ? Json(nullptr) : Json(s.problem)}});
         if (!s.problem.empty()) problems.push_back(mapName(row.path) + ": " + s.problem);
     }
-    if (ctx.jsonOutput()) {
-        printJson(ctx, json);
-    } else {
-        rows.print();
-        for (const std::string& line : problems) printf("%s\n", line.c_str());
-    }
-    return problems.empty() ? kExitOk : kExitEnvironment;
+    out.table(rows);
+    for (const std::string& line : problems) out.line(line);
+    out.exitCode = problems.empty() ? kExitOk : kExitEnvironment;
+    return out;
 }
 
 // Record fields as JSON, by record type; a plain number takes the name its map gives it.
@@ -152,11 +149,9 @@ std::vector<std::string> dumpNames() {
     return names;
 }
 
-int dump(const Context& ctx, const std::vector<std::string>& names) {
+Output dump(const std::vector<std::string>& names) {
     if (geteuid() != 0) requireMaps({});
-    Json json = Json::object();
-    bool complete = true;
-    const char* separator = "";
+    Output out{Json::object()};
     for (const Dumper& d : dumpers()) {
         const std::string name = mapName(d.path);
         if (!names.empty() && std::find(names.begin(), names.end(), name) == names.end()) continue;
@@ -165,21 +160,17 @@ int dump(const Context& ctx, const std::vector<std::string>& names) {
             // The others are still shown; the exit code tells that one was not.
             fprintf(stderr, "kovractl: %s: %s: %s\n", d.path, state.state.c_str(),
                     state.problem.c_str());
-            json[name] = nullptr;
-            complete = false;
+            out.json[name] = nullptr;
+            out.exitCode = kExitEnvironment;
             continue;
         }
         const Rows rows = d.read();
-        if (ctx.jsonOutput()) {
-            json[name] = rows.toJson();
-            continue;
-        }
-        printf("%s== %s (%s)\n", separator, name.c_str(), countOf(rows.rows.size(), "entry").c_str());
-        separator = "\n";
-        if (!rows.rows.empty()) rows.print();
+        out.json[name] = rows.toJson();
+        if (!out.text.empty()) out.line("");
+        out.line("== " + name + " (" + countOf(rows.rows.size(), "entry") + ")");
+        if (!rows.rows.empty()) out.table(rows);
     }
-    if (ctx.jsonOutput()) printJson(ctx, json);
-    return complete ? kExitOk : kExitEnvironment;
+    return out;
 }
 
 }  // namespace
@@ -190,7 +181,7 @@ void addMapsCommand(CLI::App& app, Context& ctx) {
             "List the catalogue's maps with their type, sizes, entry count and state: whether "
             "the library would accept each for the access its services need (exit 3 when one "
             "is not ok)");
-    onRun(maps, ctx, [&ctx] { return listMaps(ctx); });
+    onShow(maps, ctx, listMaps);
 
     auto names = std::make_shared<std::vector<std::string>>();
     CLI::App* dumpCommand = app.add_subcommand(
@@ -199,7 +190,7 @@ void addMapsCommand(CLI::App& app, Context& ctx) {
             "their record types; read-only: nothing is pruned or harvested");
     dumpCommand->add_option("MAP", *names, "Maps by short name, as `kovractl maps` lists them")
             ->check(CLI::IsMember(dumpNames()));
-    onRun(dumpCommand, ctx, [&ctx, names] { return dump(ctx, *names); });
+    onShow(dumpCommand, ctx, [names] { return dump(*names); });
 }
 
 }  // namespace kovra::tool

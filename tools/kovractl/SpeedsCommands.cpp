@@ -125,25 +125,24 @@ int uidSpeeds(const Context& ctx, const SpeedsOptions& opts) {
 }
 
 // The per-interface measurement table as it stands.
-int listInterfaces(const Context& ctx) {
+Output listInterfaces() {
     requireMaps({needs(maps::kAppSocketSpeedsIfindex, Access::kReadOnly)});
     Rows rows{{"ifindex", "enable", "localEnable"}, {}};
     for (const auto& [ifindex, config] : readEntries(maps::kAppSocketSpeedsIfindex)) {
         rows.rows.push_back({ifindex, config.enable, config.localEnable});
     }
     std::sort(rows.rows.begin(), rows.rows.end());
-    printRows(ctx, rows, "measured interface");
-    return kExitOk;
+    return listing(rows, "measured interface");
 }
 
-int bindInterface(const Context& ctx, const SpeedsOptions& opts) {
+Output bindInterface(const SpeedsOptions& opts) {
     const bool on = opts.state == "on";
     if (on) {
         requireMaps({needs(maps::kAppSocketSpeedsIfindex, Access::kReadWrite)});
-        return reportChange(ctx, bpfUpdateAppSocketSpeedsIfindex(opts.ifindex, 1, opts.local),
-                            "measure interface " + std::to_string(opts.ifindex) +
-                                    (opts.local ? " without subnet-local sockets" : ""),
-                            {{"ifindex", opts.ifindex}, {"enable", true}, {"local", opts.local}});
+        return change(bpfUpdateAppSocketSpeedsIfindex(opts.ifindex, 1, opts.local),
+                      "measure interface " + std::to_string(opts.ifindex) +
+                              (opts.local ? " without subnet-local sockets" : ""),
+                      {{"ifindex", opts.ifindex}, {"enable", true}, {"local", opts.local}});
     }
     // Taking an interface out sweeps its data from three maps, then drops its table entry.
     const std::vector<std::pair<std::string, const PinnedMapInfo*>> swept = {
@@ -167,43 +166,36 @@ int bindInterface(const Context& ctx, const SpeedsOptions& opts) {
         line += " " + wiped[swept[m].first].dump() + " from " + mapName(swept[m].second->path) +
                 (m + 1 < swept.size() ? "," : "");
     }
-    return reportChange(ctx, status,
-                        "stop measuring interface " + std::to_string(opts.ifindex),
-                        {{"ifindex", opts.ifindex}, {"enable", false}, {"wiped", wiped}}, {line});
+    return change(status, "stop measuring interface " + std::to_string(opts.ifindex),
+                  {{"ifindex", opts.ifindex}, {"enable", false}, {"wiped", wiped}}, {line});
 }
 
-int showConfig(const Context& ctx) {
+Output showConfig() {
     requireMaps({needs(maps::kAppSocketSpeedsConfig, Access::kReadOnly)});
     Json word = nullptr;
     for (const auto& [key, value] : readEntries(maps::kAppSocketSpeedsConfig)) {
         if (key == 0) word = value;
     }
-    if (ctx.jsonOutput()) {
-        printJson(ctx, {{"config", word}});
-    } else {
-        printf("speed configuration word: %s\n", word.is_null() ? "not set" : word.dump().c_str());
-    }
-    return kExitOk;
+    Output out{{{"config", word}}};
+    return std::move(
+            out.line("speed configuration word: " + (word.is_null() ? "not set" : word.dump())));
 }
 
-int setConfig(const Context& ctx, uint32_t config) {
+Output setConfig(uint32_t config) {
     requireMaps({needs(maps::kAppSocketSpeedsConfig, Access::kReadWrite)});
-    return reportChange(ctx, bpfUpdateAppSocketSpeedsConfig(config),
-                        "set the speed configuration word to " + std::to_string(config),
-                        {{"config", config}});
+    return change(bpfUpdateAppSocketSpeedsConfig(config),
+                  "set the speed configuration word to " + std::to_string(config),
+                  {{"config", config}});
 }
 
-int localStatus(const Context& ctx, uint64_t cookie) {
+Output localStatus(uint64_t cookie) {
     requireMaps({needs(maps::kAppSocketInfo, Access::kReadWrite)});
     const int status = bpfGetSocketLocalStatus(cookie);
     check(status, "telling whether socket " + std::to_string(cookie) + " is local");
-    if (ctx.jsonOutput()) {
-        printJson(ctx, {{"cookie", cookie}, {"local", status == 1}});
-    } else {
-        printf("socket %llu: %s\n", static_cast<unsigned long long>(cookie),
-               status == 1 ? "peer in the interface's subnet" : "peer outside the subnet");
-    }
-    return kExitOk;
+    Output out{{{"cookie", cookie}, {"local", status == 1}}};
+    return std::move(out.line("socket " + std::to_string(cookie) + ": " +
+                              (status == 1 ? "peer in the interface's subnet"
+                                           : "peer outside the subnet")));
 }
 
 }  // namespace
@@ -251,8 +243,8 @@ void addSpeedsCommands(CLI::App& app, Context& ctx) {
             throw CLI::ValidationError("--local", "goes with on");
         }
     });
-    onRun(iface, ctx, [&ctx, opts, state] {
-        return state->count() > 0 ? bindInterface(ctx, *opts) : listInterfaces(ctx);
+    onShow(iface, ctx, [opts, state] {
+        return state->count() > 0 ? bindInterface(*opts) : listInterfaces();
     });
 
     CLI::App* config = speeds->add_subcommand(
@@ -260,8 +252,8 @@ void addSpeedsCommands(CLI::App& app, Context& ctx) {
     CLI::Option* word =
             addNumber(config, "WORD", opts->config, "The word, as the kernel side reads it")
                     ->required(false);
-    onRun(config, ctx, [&ctx, opts, word] {
-        return word->count() > 0 ? setConfig(ctx, opts->config) : showConfig(ctx);
+    onShow(config, ctx, [opts, word] {
+        return word->count() > 0 ? setConfig(opts->config) : showConfig();
     });
 
     CLI::App* local = speeds->add_subcommand(
@@ -269,7 +261,7 @@ void addSpeedsCommands(CLI::App& app, Context& ctx) {
             "Whether a socket's peer lies in its interface's IPv4 subnet (exit 1 when "
             "it cannot be told, as usual outside a socket report)");
     addNumber(local, "COOKIE", opts->cookie, "Socket cookie");
-    onRun(local, ctx, [&ctx, opts] { return localStatus(ctx, opts->cookie); });
+    onShow(local, ctx, [opts] { return localStatus(opts->cookie); });
 }
 
 }  // namespace kovra::tool

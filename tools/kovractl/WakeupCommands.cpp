@@ -121,21 +121,20 @@ int readCounters(const Context& ctx, const WakeupOptions& opts) {
     return present(ctx, opts.list, view);
 }
 
-int listHeartbeats(const Context& ctx) {
+Output listHeartbeats() {
     requireMaps({needs(maps::kImAppHbLen, Access::kReadOnly)});
     Rows rows{{"uid", "hbLen"}, {}};
     for (const auto& [uid, length] : readEntries(maps::kImAppHbLen)) rows.rows.push_back({uid, length});
     std::sort(rows.rows.begin(), rows.rows.end());
-    printRows(ctx, rows, "heartbeat length");
-    return kExitOk;
+    return listing(rows, "heartbeat length");
 }
 
-int addHeartbeat(const Context& ctx, uint32_t uid, uint32_t hbLen) {
+Output addHeartbeat(uint32_t uid, uint32_t hbLen) {
     requireMaps({needs(maps::kImAppHbLen, Access::kReadWrite)});
-    return reportChange(ctx, bpfAddAppImHbLenMap(uid, hbLen),
-                        "set the heartbeat length of UID " + std::to_string(uid) + " to " +
-                                std::to_string(hbLen),
-                        {{"uid", uid}, {"hbLen", hbLen}});
+    return change(bpfAddAppImHbLenMap(uid, hbLen),
+                  "set the heartbeat length of UID " + std::to_string(uid) + " to " +
+                          std::to_string(hbLen),
+                  {{"uid", uid}, {"hbLen", hbLen}});
 }
 
 // The overflow flags by bit; an absent entry is null.
@@ -148,7 +147,7 @@ std::map<uint32_t, Json> overflowFlags() {
     return flags;
 }
 
-int showScreen(const Context& ctx) {
+Output showScreen() {
     requireMaps({needs(maps::kScreenState, Access::kReadOnly),
                  needs(maps::kOverflowingMapCheck, Access::kReadOnly)});
     std::map<uint32_t, Json> state = {{KOVRA_SCREEN_CODE_KEY, nullptr},
@@ -164,24 +163,21 @@ int showScreen(const Context& ctx) {
     for (const auto& [bit, path] : kOverflowBits) {
         overflow.rows.push_back({bit, mapName(path), flags.at(bit), entryCount(rowOf(path))});
     }
-    if (ctx.jsonOutput()) {
-        printJson(ctx, {{"state", name},
-                        {"stateCode", code},
-                        {"offStamp", state[KOVRA_SCREEN_OFF_STAMP_KEY]},
-                        {"onStamp", state[KOVRA_SCREEN_ON_STAMP_KEY]},
-                        {"overflow", overflow.toJson()}});
-        return kExitOk;
-    }
+    const Json off = state[KOVRA_SCREEN_OFF_STAMP_KEY], on = state[KOVRA_SCREEN_ON_STAMP_KEY];
+    Output out{{{"state", name},
+                {"stateCode", code},
+                {"offStamp", off},
+                {"onStamp", on},
+                {"overflow", overflow.toJson()}}};
     auto text = [](const Json& value) { return value.is_null() ? std::string("-") : value.dump(); };
-    printf("screen: %s (state code %s), last off at stamp %s, last on at stamp %s\n",
-           name.is_null() ? "never set" : name.get<std::string>().c_str(), text(code).c_str(),
-           text(state[KOVRA_SCREEN_OFF_STAMP_KEY]).c_str(), text(state[KOVRA_SCREEN_ON_STAMP_KEY]).c_str());
-    printf("overflow flags (1: reset by the next `screen on`):\n");
-    overflow.print();
-    return kExitOk;
+    out.line("screen: " + (name.is_null() ? std::string("never set") : name.get<std::string>()) +
+             " (state code " + text(code) + "), last off at stamp " + text(off) +
+             ", last on at stamp " + text(on));
+    out.line("overflow flags (1: reset by the next `screen on`):");
+    return std::move(out.table(overflow));
 }
 
-int switchScreen(const Context& ctx, const std::string& state, uint64_t stamp) {
+Output switchScreen(const std::string& state, uint64_t stamp) {
     const bool on = state == "on";
     MapNeeds needed = {needs(maps::kScreenState, Access::kReadWrite)};
     std::vector<std::pair<uint32_t, const char*>> flagged;
@@ -225,8 +221,8 @@ int switchScreen(const Context& ctx, const std::string& state, uint64_t stamp) {
         details["dropped"] = {{"heartbeatLengths", dropped}};
         report.push_back("dropped " + dropped.dump() + " heartbeat lengths");
     }
-    return reportChange(ctx, status, "screen " + state + " at stamp " + std::to_string(stamp),
-                        details, report);
+    return change(status, "screen " + state + " at stamp " + std::to_string(stamp), details,
+                  report);
 }
 
 }  // namespace
@@ -251,8 +247,8 @@ void addWakeupCommands(CLI::App& app, Context& ctx) {
             throw CLI::ValidationError("hb-len", "takes no counter map names before it");
         }
     });
-    onRun(hbLen, ctx, [&ctx, opts, uid] {
-        return uid->count() > 0 ? addHeartbeat(ctx, opts->uid, opts->hbLen) : listHeartbeats(ctx);
+    onShow(hbLen, ctx, [opts, uid] {
+        return uid->count() > 0 ? addHeartbeat(opts->uid, opts->hbLen) : listHeartbeats();
     });
 
     CLI::App* screen = app.add_subcommand(
@@ -265,8 +261,8 @@ void addWakeupCommands(CLI::App& app, Context& ctx) {
     CLI::Option* stamp =
             addNumber(screen, "STAMP", opts->stamp, "The time stamp of the change, stored as given");
     allOrNone(screen, {state, stamp});
-    onRun(screen, ctx, [&ctx, opts, state] {
-        return state->count() > 0 ? switchScreen(ctx, opts->screen, opts->stamp) : showScreen(ctx);
+    onShow(screen, ctx, [opts, state] {
+        return state->count() > 0 ? switchScreen(opts->screen, opts->stamp) : showScreen();
     });
 }
 

@@ -135,17 +135,14 @@ Json listingJson(const Listing& listing) {
 }
 
 void printListing(const Context& ctx, const Listing& listing, size_t total, const View& view) {
-    if (ctx.jsonOutput()) {
-        printJson(ctx, listing.changes.empty() ? listing.rows.toJson() : listingJson(listing));
-        return;
-    }
-    listing.rows.print();
+    Output out{listing.changes.empty() ? listing.rows.toJson() : listingJson(listing)};
     std::string count = countOf(total, view.noun);
     if (listing.rows.rows.size() < total) {
         count = "top " + std::to_string(listing.rows.rows.size()) + " of " + count;
     }
-    printf("%s\n", count.c_str());
-    for (const std::string& line : listing.lines) printf("%s\n", line.c_str());
+    out.table(listing.rows).line(count);
+    for (const std::string& line : listing.lines) out.line(line);
+    render(ctx, out);
 }
 
 // Plain decimal seconds from 0.1 to 3600, in the spirit of the other numbers: no sign, blank
