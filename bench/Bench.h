@@ -7,6 +7,7 @@
 
 #include <bpf/bpf.h>
 #include <kovrabpf/KovraBpfNetworkStats.h>
+#include <kovrasandbox/Clock.h>
 #include <errno.h>
 #include <stdint.h>
 #include <string.h>
@@ -56,6 +57,14 @@ V derivedFrom(const K& key) {
     V value;
     auto* bytes = reinterpret_cast<uint8_t*>(&value);
     for (size_t i = 0; i < sizeof(V); ++i) bytes[i] = static_cast<uint8_t>(seed * 31 + i);
+    return value;
+}
+
+// A speed record updated in both directions when the map is seeded.
+template <typename K>
+android::bpf::SpeedsValue freshSpeeds(const K& key) {
+    auto value = derivedFrom<K, android::bpf::SpeedsValue>(key);
+    value.firstStamp = value.secondStamp = sandbox::monotonicNowNs();
     return value;
 }
 

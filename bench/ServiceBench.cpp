@@ -62,11 +62,8 @@ class Stage {
 // A speed record on kIfindex, updated in both directions when the map is seeded.
 template <typename K>
 SpeedsValue fresh(const K& key) {
-    timespec now;
-    clock_gettime(CLOCK_MONOTONIC, &now);
-    SpeedsValue value = derivedFrom<K, SpeedsValue>(key);
+    SpeedsValue value = freshSpeeds(key);
     value.ifindex = kIfindex;
-    value.firstStamp = value.secondStamp = now.tv_sec * 1000000000ull + now.tv_nsec;
     return value;
 }
 

@@ -1,7 +1,6 @@
 #include "kovrasandbox/Seed.h"
 
 #include <arpa/inet.h>
-#include <time.h>
 
 #include <vector>
 
@@ -232,12 +231,6 @@ void seedDemo(uint64_t nowNs) {
     seedSpeeds(nowNs);
     seedWakeup(nowNs);
     seedFirewall();
-}
-
-uint64_t monotonicNowNs() {
-    timespec now{};
-    clock_gettime(CLOCK_MONOTONIC, &now);
-    return static_cast<uint64_t>(now.tv_sec) * 1000000000ull + static_cast<uint64_t>(now.tv_nsec);
 }
 
 }  // namespace kovra::sandbox

@@ -9,13 +9,7 @@
 namespace kovra::test {
 namespace {
 
-using android::base::Result;
-using android::bpf::BpfMap;
-using android::bpf::BpfMapRO;
-using android::bpf::PinnedMap;
-
-constexpr PinnedMap<uint32_t, uint64_t> kMap{"/sys/fs/bpf/map_test_u32_u64_map"};
-
+constexpr auto& kMap = kTestMap;
 class BpfMapTest : public KernelTest {};
 
 void fill(const TypedMap<uint32_t, uint64_t>& map, uint32_t n) {

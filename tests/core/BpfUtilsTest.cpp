@@ -8,14 +8,7 @@
 namespace kovra::test {
 namespace {
 
-using android::bpf::bpfLock;
-using android::bpf::BpfMapRO;
-using android::bpf::kernelVersion;
-using android::bpf::PinnedMap;
-using android::bpf::uncachedKernelVersion;
-
-constexpr PinnedMap<uint32_t, uint64_t> kMap{"/sys/fs/bpf/map_test_u32_u64_map"};
-
+constexpr auto& kMap = kTestMap;
 class KernelVersionTest : public KernelTest {};
 
 TEST_F(KernelVersionTest, ReleaseIsPackedWithoutMasking) {

@@ -12,7 +12,6 @@
 namespace kovra::test {
 namespace {
 
-using namespace android::bpf;
 
 enum class Kind { kRead, kHarvest };
 

@@ -5,7 +5,6 @@
 namespace kovra::test {
 namespace {
 
-using namespace android::bpf;
 
 class NetworkBlockingTest : public KernelTest {};
 

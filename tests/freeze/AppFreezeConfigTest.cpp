@@ -17,7 +17,6 @@ static std::ostream& operator<<(std::ostream& os, const AppFreezeConfig& c) {
 namespace kovra::test {
 namespace {
 
-using namespace android::bpf;
 
 class AppFreezeConfigTest : public KernelTest {};
 

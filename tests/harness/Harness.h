@@ -30,6 +30,7 @@
 #include <kovrabpf/KovraBpfNetworkStats.h>
 #include <kovrabpf/KovraPinnedMaps.h>
 #include <kovrasandbox/Bpffs.h>
+#include <kovrasandbox/Clock.h>
 #include <kovrasandbox/Maps.h>
 #include <kovrasandbox/Netns.h>
 
@@ -37,16 +38,21 @@ namespace kovra::test {
 
 // ---- Maps ----
 
-using android::bpf::PinnedMap;
+// The library under test, and the desk's maps and clock the tests stand its maps up with.
+using namespace android::bpf;
+using android::base::Result;
+using sandbox::monotonicNowNs;
 using sandbox::openFdCount;
 using sandbox::RawMap;
 using sandbox::sameBytes;
-
 using sandbox::TypedMap;
 
 // The process's private network namespace with lo and a veth pair (sandbox/Netns.h), entered by
 // the first call and kept; null, and a test failure, when it cannot be set up.
 const sandbox::PrivateNetwork* testNetwork();
+
+// A map of plain numbers for the map handles' own tests.
+inline constexpr PinnedMap<uint32_t, uint64_t> kTestMap{"/sys/fs/bpf/map_test_u32_u64_map"};
 
 // ---- Log capture ----
 

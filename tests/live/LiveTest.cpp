@@ -164,9 +164,7 @@ TEST_F(LiveFreeze, FrozenAppsSynsAndTrafficAreHarvestedOnce) {
     KovraStatsValue totals{};
     ASSERT_EQ(0, bpfGetUidPurStats(10021, totals));
     EXPECT_EQ(0, memcmp(&totals, &stats.at(10021), 32)) << "the same four counters";
-    timespec now;
-    clock_gettime(CLOCK_MONOTONIC, &now);
-    EXPECT_LE(stats.at(10021).data[4], now.tv_sec * 1000000000ull + now.tv_nsec);
+    EXPECT_LE(stats.at(10021).data[4], sandbox::monotonicNowNs());
 
     // Harvested once; a thawed app is no longer accounted.
     live::setFrozen(10021, false);

@@ -16,7 +16,6 @@
 namespace kovra::test {
 namespace {
 
-using namespace android::bpf;
 using SpeedsTable = std::unordered_map<uint64_t, SpeedsValue>;
 using UidSpeedsTable = std::unordered_map<uint64_t, IfaceSpeedsValue>;
 using WatchList = std::unordered_set<uint64_t>;
@@ -29,7 +28,7 @@ constexpr uint64_t kAtBoot = 0;  // the stamp of a record idle since boot
 // CLOCK_MONOTONIC in nanoseconds. kAtBoot must be stale against kStaleMs, so on a machine up for
 // less than 5 s, such as a fresh test VM, this first waits.
 uint64_t monotonicNow() {
-    const uint64_t now = sandbox::monotonicNowNs();
+    const uint64_t now = monotonicNowNs();
     if (now >= 5'000 * kNsPerMs) return now;
     usleep(useconds_t((5'000 * kNsPerMs - now) / 1000));
     return monotonicNow();

@@ -3,7 +3,6 @@
 namespace kovra::test {
 namespace {
 
-using namespace android::bpf;
 using Table = std::unordered_map<int64_t, KovraStatsValue>;
 
 constexpr uint32_t kMaxUid = 4294967295u;

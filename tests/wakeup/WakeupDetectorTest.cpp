@@ -11,7 +11,6 @@
 namespace kovra::test {
 namespace {
 
-using namespace android::bpf;
 
 class WakeupCountersDeathTest : public KernelTest {};
 

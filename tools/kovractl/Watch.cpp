@@ -7,6 +7,8 @@
 
 #include <map>
 
+#include <kovrasandbox/Clock.h>
+
 namespace kovra::tool {
 
 namespace {
@@ -26,18 +28,13 @@ void stopOnInterrupt() {
 }
 
 // Sleeps `seconds`, or less when interrupted.
-void pause(double seconds) {
+void sleepUnlessStopped(double seconds) {
     timespec left = {static_cast<time_t>(seconds),
                      static_cast<long>((seconds - static_cast<time_t>(seconds)) * 1e9)};
     while (!gStop && nanosleep(&left, &left) != 0) {
     }
 }
 
-double monotonicSeconds() {
-    timespec now;
-    clock_gettime(CLOCK_MONOTONIC, &now);
-    return static_cast<double>(now.tv_sec) + static_cast<double>(now.tv_nsec) / 1e9;
-}
 
 // "rx_bytes", "RX-BYTES" and "rxBytes" all name the column rxBytes.
 std::string normalized(const std::string& name) {
@@ -122,7 +119,7 @@ void sortAndCut(Rows& rows, const ListOptions& options) {
 Listing take(const View& view, const ListOptions& options, Rates* rates, size_t& total) {
     Listing listing = view.list();
     if (listing.rows.columns.empty()) listing.rows.columns = view.columns;
-    if (rates != nullptr) rates->add(view, listing.rows, monotonicSeconds());
+    if (rates != nullptr) rates->add(view, listing.rows, static_cast<double>(sandbox::monotonicNowNs()) / 1e9);
     total = listing.rows.rows.size();
     sortAndCut(listing.rows, options);
     return listing;
@@ -189,7 +186,7 @@ int present(const Context& ctx, const ListOptions& options, const View& view) {
     const bool terminal = isatty(STDOUT_FILENO) && !ctx.jsonOutput();
     Rates rates;
     for (size_t n = 0; !gStop && (options.count == 0 || n < options.count); ++n) {
-        if (n > 0) pause(options.interval);
+        if (n > 0) sleepUnlessStopped(options.interval);
         if (gStop) break;
         const Listing listing = take(view, options, &rates, total);
         const time_t now = time(nullptr);
