@@ -51,7 +51,8 @@ class Stage {
     // Also writes `key` -> `value` into the map.
     template <typename K, typename V>
     void put(const PinnedMap<K, V>& map, int64_t n, const K& key, const V& value) {
-        if (bpf_map_update_elem(put(map, n).fd(), &key, &value, BPF_ANY) != 0) abort();
+        put(map, n);
+        sandbox::openMap(map).put(key, value);
     }
 
   private:

@@ -34,6 +34,8 @@
 #include <kovrasandbox/Maps.h>
 #include <kovrasandbox/Netns.h>
 
+#include <Interpose.h>
+
 namespace kovra::test {
 
 // ---- Maps ----
@@ -76,8 +78,7 @@ std::vector<LogLine> takeLogs();
 
 // ---- bpf(2) interposition ----
 
-// The real bpf system call, past the executable's interposed syscall().
-long realBpf(int cmd, void* attr, unsigned size);
+using interpose::realBpf;
 
 // Called for every bpf command the library (or the test) issues through syscall(). `nth` counts
 // this command from 1 since the hook was set (setting one restarts every count). Returning a value replaces the system
