@@ -60,6 +60,17 @@ void check(int status, const std::string& what) {
     if (status < 0) throw ToolError(exitCodeForStatus(status), failureText(status, what));
 }
 
+Output change(int status, const std::string& what, Json details,
+              const std::vector<std::string>& report) {
+    details["status"] = status;
+    if (status < 0) details["error"] = failureText(status, what);
+    Output out{details};
+    for (const std::string& line : report) out.line(line);
+    if (status == 0) out.line(what + ": ok");
+    if (status < 0) out.failure.emplace(exitCodeForStatus(status), failureText(status, what), true);
+    return out;
+}
+
 Json entryCount(const android::bpf::PinnedMapInfo& row) {
     const MapState state = inspectMap(row, Access::kReadOnly);
     return state.entries ? Json(*state.entries) : Json(nullptr);

@@ -30,6 +30,9 @@ struct Context {
     std::string outputHoldsOnlyCopy;
     std::vector<std::string> sandboxCommand;  // what `kovractl sandbox` runs, as given
     bool jsonOutput() const { return json || pretty; }
+    Format format() const {
+        return pretty ? Format::kPrettyJson : json ? Format::kJson : Format::kTable;
+    }
 };
 
 // Makes `action` the one to run when `command` is the subcommand chosen on the command line.
@@ -44,7 +47,7 @@ inline void onRun(CLI::App* command, Context& ctx, std::function<int()> action) 
 
 // The same for a command that returns what it shows, printed by render().
 inline void onShow(CLI::App* command, Context& ctx, std::function<Output()> show) {
-    onRun(command, ctx, [&ctx, show = std::move(show)] { return render(ctx, show()); });
+    onRun(command, ctx, [&ctx, show = std::move(show)] { return render(ctx.format(), show()); });
 }
 
 // A catalogue map's short name ("app_tcp_fin_drop").
@@ -70,6 +73,12 @@ std::string failureText(int status, const std::string& what);
 // so that a partial command line is a usage error like any other.
 void allOrNone(CLI::App* command, std::vector<CLI::Option*> options,
                std::function<void()> more = {});
+
+// A change through a service: the `report` lines and "<what>: ok", or with JSON the `details`
+// with "status" (and "error"). A failed status is the output's failure: what the change removed
+// is told even when the service then fails.
+Output change(int status, const std::string& what, Json details,
+              const std::vector<std::string>& report = {});
 
 // Throws the ToolError of a failed service status, with failureText().
 void check(int status, const std::string& what);

@@ -139,7 +139,7 @@ void printListing(const Context& ctx, const Listing& listing, size_t total, cons
     }
     out.table(listing.rows).line(count);
     for (const std::string& line : listing.lines) out.line(line);
-    render(ctx, out);
+    render(ctx.format(), out);
 }
 
 // Plain decimal seconds from 0.1 to 3600, in the spirit of the other numbers: no sign, blank

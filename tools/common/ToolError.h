@@ -1,4 +1,5 @@
-// kovractl's exit codes and the error that carries one up to main().
+// The desk tools' exit codes (kovractl's and the traffic driver's) and the error that carries one
+// up to main().
 #pragma once
 
 #include <stdexcept>

@@ -1,8 +1,10 @@
-// What a kovractl command shows, as data, and the one function that prints it: a table for a
-// person, compact JSON with -j, indented JSON with -p. Commands build an Output and never print.
+// What a desk tool shows, as data, and the one function that prints it: a table for a person,
+// compact or indented JSON for a program. kovractl's commands and the traffic driver build an
+// Output and never print themselves.
 #pragma once
 
 #include <stddef.h>
+#include <stdio.h>
 
 #include <optional>
 #include <string>
@@ -17,7 +19,7 @@ namespace kovra::tool {
 
 using Json = nlohmann::ordered_json;
 
-struct Context;
+enum class Format { kTable, kJson, kPrettyJson };
 
 // Rows of a listing: camelCase column names (the JSON keys; the table's headers are their
 // upper-case forms) and one cell per column in every row, null where there is no value.
@@ -40,17 +42,11 @@ struct Output {
     Output& table(Rows rows);
 };
 
-// Prints `output` as the context asks and returns its exit code; throws its failure once printed.
-int render(const Context& ctx, const Output& output);
+// Prints `output` on `stream` and returns its exit code; throws its failure once printed.
+int render(Format format, const Output& output, FILE* stream = stdout);
 
 // A listing: the rows as a table with a closing count ("307 UIDs"), or as a JSON array.
 Output listing(const Rows& rows, const std::string& noun);
-
-// A change through a service: the `report` lines and "<what>: ok", or with JSON the `details`
-// with "status" (and "error"). A failed status is the output's failure: what the change removed
-// is told even when the service then fails.
-Output change(int status, const std::string& what, Json details,
-              const std::vector<std::string>& report = {});
 
 // "1 UID", "307 UIDs".
 std::string countOf(size_t count, const std::string& noun);

@@ -1,8 +1,5 @@
 #include "Output.h"
 
-#include <stdio.h>
-
-#include "Cli.h"
 
 namespace kovra::tool {
 namespace {
@@ -29,7 +26,7 @@ std::string cellText(const Json& cell) {
     return cell.dump();
 }
 
-void printTable(const Rows& rows) {
+void printTable(const Rows& rows, FILE* stream) {
     std::vector<std::vector<std::string>> text(1);
     for (const std::string& column : rows.columns) text[0].push_back(header(column));
     std::vector<bool> rightAligned(rows.columns.size(), true);
@@ -51,7 +48,7 @@ void printTable(const Rows& rows) {
             if (c > 0) line += "  ";
             line += rightAligned[c] ? pad + row[c] : row[c] + (c + 1 < row.size() ? pad : "");
         }
-        printf("%s\n", line.c_str());
+        fprintf(stream, "%s\n", line.c_str());
     }
 }
 
@@ -77,15 +74,15 @@ Output& Output::table(Rows rows) {
     return *this;
 }
 
-int render(const Context& ctx, const Output& output) {
-    if (ctx.jsonOutput()) {
-        printf("%s\n", output.json.dump(ctx.pretty ? 2 : -1).c_str());
+int render(Format format, const Output& output, FILE* stream) {
+    if (format != Format::kTable) {
+        fprintf(stream, "%s\n", output.json.dump(format == Format::kPrettyJson ? 2 : -1).c_str());
     } else {
         for (const auto& block : output.text) {
             if (const auto* line = std::get_if<std::string>(&block)) {
-                printf("%s\n", line->c_str());
+                fprintf(stream, "%s\n", line->c_str());
             } else {
-                printTable(std::get<Rows>(block));
+                printTable(std::get<Rows>(block), stream);
             }
         }
     }
@@ -96,17 +93,6 @@ int render(const Context& ctx, const Output& output) {
 Output listing(const Rows& rows, const std::string& noun) {
     Output out{rows.toJson()};
     return std::move(out.table(rows).line(countOf(rows.rows.size(), noun)));
-}
-
-Output change(int status, const std::string& what, Json details,
-              const std::vector<std::string>& report) {
-    details["status"] = status;
-    if (status < 0) details["error"] = failureText(status, what);
-    Output out{details};
-    for (const std::string& line : report) out.line(line);
-    if (status == 0) out.line(what + ": ok");
-    if (status < 0) out.failure.emplace(exitCodeForStatus(status), failureText(status, what), true);
-    return out;
 }
 
 std::string countOf(size_t count, const std::string& noun) {
