@@ -9,7 +9,6 @@
 namespace kovra::test {
 namespace {
 
-constexpr auto& kMap = kTestMap;
 class BpfMapTest : public KernelTest {};
 
 void fill(const TypedMap<uint32_t, uint64_t>& map, uint32_t n) {
@@ -25,9 +24,9 @@ void expectError(const Result<T>& result, const char* message, int err) {
 }
 
 TEST_F(BpfMapTest, SingleOperationsReportMessageAndErrno) {
-    TypedMap map(kMap);
+    TypedMap map(kTestMap);
     map.put(7, 70);
-    BpfMap<uint32_t, uint64_t> handle(kMap);
+    BpfMap<uint32_t, uint64_t> handle(kTestMap);
     EXPECT_EQ(70u, handle.readValue(7).value());
     expectError(handle.readValue(8), "BpfMap::readValue() failed", ENOENT);
     EXPECT_EQ(7u, handle.getFirstKey().value());
@@ -42,8 +41,8 @@ TEST_F(BpfMapTest, SingleOperationsReportMessageAndErrno) {
 }
 
 TEST_F(BpfMapTest, WalkVisitsEveryEntryAndToleratesDeletingTheCurrentOne) {
-    TypedMap map(kMap);
-    BpfMap<uint32_t, uint64_t> handle(kMap);
+    TypedMap map(kTestMap);
+    BpfMap<uint32_t, uint64_t> handle(kTestMap);
     int calls = 0;
     auto count = [&](const uint32_t&, const uint64_t&, const BpfMapRO<uint32_t, uint64_t>&) {
         ++calls;
@@ -67,9 +66,9 @@ TEST_F(BpfMapTest, WalkVisitsEveryEntryAndToleratesDeletingTheCurrentOne) {
 }
 
 TEST_F(BpfMapTest, WalkStopsAtTheFirstFailingStepOrCallback) {
-    TypedMap map(kMap);
+    TypedMap map(kTestMap);
     fill(map, 5);
-    const BpfMapRO<uint32_t, uint64_t> handle(kMap);
+    const BpfMapRO<uint32_t, uint64_t> handle(kTestMap);
     int calls = 0;
     auto count = [&](const uint32_t&, const uint64_t&, const BpfMapRO<uint32_t, uint64_t>&) {
         ++calls;
@@ -95,10 +94,10 @@ TEST_F(BpfMapTest, WalkStopsAtTheFirstFailingStepOrCallback) {
 }
 
 TEST_F(BpfMapTest, EntryDeletedBehindTheWalkEndsItWithReadValueEnoent) {
-    TypedMap map(kMap);
+    TypedMap map(kTestMap);
     fill(map, 3);
     const auto order = map.keys();
-    const BpfMapRO<uint32_t, uint64_t> handle(kMap);
+    const BpfMapRO<uint32_t, uint64_t> handle(kTestMap);
     // Someone else deletes the entry the walk is about to read.
     auto result = handle.iterateWithValue([&](const uint32_t& key, const uint64_t&, const auto&) {
         if (key == order[0]) map.erase(order[1]);
@@ -108,9 +107,9 @@ TEST_F(BpfMapTest, EntryDeletedBehindTheWalkEndsItWithReadValueEnoent) {
 }
 
 TEST_F(BpfMapTest, ClearEmptiesTheMapAndLogsOnlyRealDeleteFailures) {
-    TypedMap map(kMap, 2048);
+    TypedMap map(kTestMap, 2048);
     fill(map, 1000);
-    BpfMap<uint32_t, uint64_t> handle(kMap);
+    BpfMap<uint32_t, uint64_t> handle(kTestMap);
     // A key deleted by someone else (ENOENT) is no failure: clear goes on.
     failBpfCommand(BPF_MAP_DELETE_ELEM, 5, ENOENT);
     ASSERT_TRUE(handle.clear().ok());
@@ -132,11 +131,11 @@ TEST_F(BpfMapTest, ClearEmptiesTheMapAndLogsOnlyRealDeleteFailures) {
 }
 
 TEST_F(BpfMapTest, HandleClosesItsDescriptorAndKeepsErrno) {
-    TypedMap map(kMap);
+    TypedMap map(kTestMap);
     const int before = openFdCount();
     {
-        BpfMap<uint32_t, uint64_t> rw(kMap);
-        const BpfMapRO<uint32_t, uint64_t> ro(kMap);
+        BpfMap<uint32_t, uint64_t> rw(kTestMap);
+        const BpfMapRO<uint32_t, uint64_t> ro(kTestMap);
         EXPECT_EQ(before + 2, openFdCount());
         errno = EXDEV;
     }
@@ -149,39 +148,39 @@ TEST_F(BpfMapTest, HandleClosesItsDescriptorAndKeepsErrno) {
 using BpfMapDeathTest = BpfMapTest;
 
 TEST_F(BpfMapDeathTest, MissingOrMisshapenMapsAbort) {
-    expectAborts([&] { BpfMapRO<uint32_t, uint64_t>{kMap}; });
-    expectAborts([&] { BpfMap<uint32_t, uint64_t>{kMap}; });
+    expectAborts([&] { BpfMapRO<uint32_t, uint64_t>{kTestMap}; });
+    expectAborts([&] { BpfMap<uint32_t, uint64_t>{kTestMap}; });
 
-    RawMap wideKey(kMap.path, 8, 8);
-    expectAborts([&] { BpfMapRO<uint32_t, uint64_t>{kMap}; });
-    RawMap valueOneByteLonger(kMap.path, 4, 9);
-    expectAborts([&] { BpfMapRO<uint32_t, uint64_t>{kMap}; });
-    expectAborts([&] { BpfMap<uint32_t, uint64_t>{kMap}; });
+    RawMap wideKey(kTestMap.path, 8, 8);
+    expectAborts([&] { BpfMapRO<uint32_t, uint64_t>{kTestMap}; });
+    RawMap valueOneByteLonger(kTestMap.path, 4, 9);
+    expectAborts([&] { BpfMapRO<uint32_t, uint64_t>{kTestMap}; });
+    expectAborts([&] { BpfMap<uint32_t, uint64_t>{kTestMap}; });
 }
 
 TEST_F(BpfMapDeathTest, MapFlagsDecideWhichHandleMayOpenIt) {
-    TypedMap map(kMap);
+    TypedMap map(kTestMap);
     reportMapFlags(BPF_F_RDONLY);
-    const BpfMapRO<uint32_t, uint64_t> ro(kMap);
+    const BpfMapRO<uint32_t, uint64_t> ro(kTestMap);
     EXPECT_GE(ro.getMap().get(), 0) << "read-only maps are fine for reading";
-    expectAborts([&] { BpfMap<uint32_t, uint64_t>{kMap}; });
+    expectAborts([&] { BpfMap<uint32_t, uint64_t>{kTestMap}; });
 
     reportMapFlags(BPF_F_WRONLY);
-    expectAborts([&] { BpfMapRO<uint32_t, uint64_t>{kMap}; });
-    expectAborts([&] { BpfMap<uint32_t, uint64_t>{kMap}; });
+    expectAborts([&] { BpfMapRO<uint32_t, uint64_t>{kTestMap}; });
+    expectAborts([&] { BpfMap<uint32_t, uint64_t>{kTestMap}; });
 
     reportMapFlags(BPF_F_NO_PREALLOC);
-    const BpfMap<uint32_t, uint64_t> rw(kMap);
+    const BpfMap<uint32_t, uint64_t> rw(kTestMap);
     EXPECT_GE(rw.getMap().get(), 0) << "other flags do not matter";
 }
 
 TEST_F(BpfMapDeathTest, InfoQueriesThatFailOrReplyShortAbort) {
-    TypedMap map(kMap);
+    TypedMap map(kTestMap);
     // Each of the three info queries (flags, key size, value size) is needed.
     for (int nth = 1; nth <= 3; ++nth) {
         SCOPED_TRACE(nth);
         failBpfCommand(BPF_OBJ_GET_INFO_BY_FD, nth, EIO);
-        expectAborts([&] { BpfMapRO<uint32_t, uint64_t>{kMap}; });
+        expectAborts([&] { BpfMapRO<uint32_t, uint64_t>{kTestMap}; });
     }
     // A kernel whose reply stops short of the flags word.
     setBpfHook([](int cmd, bpf_attr& attr, unsigned size, int) -> std::optional<long> {
@@ -190,7 +189,7 @@ TEST_F(BpfMapDeathTest, InfoQueriesThatFailOrReplyShortAbort) {
         attr.info.info_len = 20;
         return rv;
     });
-    expectAborts([&] { BpfMapRO<uint32_t, uint64_t>{kMap}; });
+    expectAborts([&] { BpfMapRO<uint32_t, uint64_t>{kTestMap}; });
     EXPECT_TRUE(takeLogs().empty());
 }
 
@@ -212,29 +211,29 @@ int openRaw(const char* path) {
 }
 
 TEST_F(BpfMapDeathTest, ReadWriteOpenersShareTheLockAndAWriteLockExcludesThem) {
-    TypedMap map(kMap);
+    TypedMap map(kTestMap);
     const uint32_t id = map.info().id;
-    const int probe = openRaw(kMap.path);
+    const int probe = openRaw(kTestMap.path);
     ASSERT_GE(probe, 0);
     {
-        BpfMap<uint32_t, uint64_t> first(kMap);
-        BpfMap<uint32_t, uint64_t> second(kMap);
+        BpfMap<uint32_t, uint64_t> first(kTestMap);
+        BpfMap<uint32_t, uint64_t> second(kTestMap);
         ASSERT_TRUE(second.writeValue(1, 1, BPF_ANY).ok());
         struct flock lock = byteLock(F_WRLCK, id);
         EXPECT_EQ(-1, fcntl(probe, F_OFD_SETLK, &lock)) << "readers hold the byte";
         EXPECT_EQ(EAGAIN, errno);
         // Read-only openers take no lock.
-        const BpfMapRO<uint32_t, uint64_t> reader(kMap);
+        const BpfMapRO<uint32_t, uint64_t> reader(kTestMap);
     }
     struct flock lock = byteLock(F_WRLCK, id);
     ASSERT_EQ(0, fcntl(probe, F_OFD_SETLK, &lock)) << "closing the handles released the lock";
-    const BpfMapRO<uint32_t, uint64_t> reader(kMap);
-    expectAborts([&] { BpfMap<uint32_t, uint64_t>{kMap}; });
+    const BpfMapRO<uint32_t, uint64_t> reader(kTestMap);
+    expectAborts([&] { BpfMap<uint32_t, uint64_t>{kTestMap}; });
     close(probe);
 }
 
 TEST_F(BpfMapDeathTest, MapIdDecidesWhetherTheLockCanBeTaken) {
-    TypedMap map(kMap);
+    TypedMap map(kTestMap);
     // Query order of a read-write open: the lock's id query comes first.
     auto replyToFirstInfo = [](std::function<long(bpf_attr&)> reply) {
         setBpfHook([reply](int cmd, bpf_attr& attr, unsigned, int nth) -> std::optional<long> {
@@ -247,8 +246,8 @@ TEST_F(BpfMapDeathTest, MapIdDecidesWhetherTheLockCanBeTaken) {
         return -1L;
     });
     {
-        BpfMap<uint32_t, uint64_t> unlocked(kMap);
-        const int probe = openRaw(kMap.path);
+        BpfMap<uint32_t, uint64_t> unlocked(kTestMap);
+        const int probe = openRaw(kTestMap.path);
         struct flock lock = byteLock(F_WRLCK, map.info().id);
         EXPECT_EQ(0, fcntl(probe, F_OFD_SETLK, &lock)) << "no lock was taken";
         close(probe);
@@ -257,10 +256,10 @@ TEST_F(BpfMapDeathTest, MapIdDecidesWhetherTheLockCanBeTaken) {
         errno = EPERM;
         return -1L;
     });
-    expectAborts([&] { BpfMap<uint32_t, uint64_t>{kMap}; });
+    expectAborts([&] { BpfMap<uint32_t, uint64_t>{kTestMap}; });
     // Success with the zeroed buffer untouched: map id 0, which names no map.
     replyToFirstInfo([](bpf_attr&) { return 0L; });
-    expectAborts([&] { BpfMap<uint32_t, uint64_t>{kMap}; });
+    expectAborts([&] { BpfMap<uint32_t, uint64_t>{kTestMap}; });
 }
 
 }  // namespace
