@@ -320,9 +320,10 @@ extern "C" int LLVMFuzzerInitialize(int*, char***) {
                         "(wakeup or speeds)\n");
         exit(1);
     }
-    const std::string problem = sandbox::enterPrivateBpffs();
-    if (!problem.empty()) {
-        fprintf(stderr, "fuzzing cannot run: %s\n", problem.c_str());
+    try {
+        sandbox::enterPrivateBpffs();
+    } catch (const sandbox::Error& problem) {
+        fprintf(stderr, "fuzzing cannot run: %s\n", problem.what());
         exit(1);
     }
     return 0;

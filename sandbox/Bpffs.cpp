@@ -57,9 +57,9 @@ int removeEntry(const char* path, const struct stat*, int, struct FTW* ftw) {
 
 }  // namespace
 
-std::string enterPrivateBpffs(const char* shareVariable) {
+void enterPrivateBpffs(const char* shareVariable) {
     static const std::string problem = enterOnce(shareVariable);
-    return problem;
+    if (!problem.empty()) throw Error(problem);
 }
 
 void emptyBpffs() {

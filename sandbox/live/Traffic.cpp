@@ -65,17 +65,13 @@ void quietIpv6(const std::string& interface) {
     }
 }
 
-void check(const std::string& problem) {
-    if (!problem.empty()) throw std::runtime_error("the network could not be prepared: " + problem);
-}
-
 // Gives the named interface an address and brings it up.
 void configure(const std::string& name, const std::string& address) {
     const unsigned ifindex = if_nametoindex(name.c_str());
-    if (ifindex == 0) check("no interface " + name);
+    if (ifindex == 0) throw sandbox::Error("no interface " + name);
     quietIpv6(name);
-    check(sandbox::addIpv4(ifindex, address.c_str(), 24));
-    check(sandbox::setLinkUp(ifindex));
+    sandbox::addIpv4(ifindex, address.c_str(), 24);
+    sandbox::setLinkUp(ifindex);
 }
 
 // The far end of the veth pair: a network namespace held by a child that waits to be ended.
@@ -105,7 +101,7 @@ struct VethPeer {
             if (write(ready[1], &ok, 1) != 1 || !ok || read(go[0], &byte, 1) != 1) _exit(1);
             try {
                 configure(peer, peerAddr);
-                check(sandbox::setLinkUp(if_nametoindex("lo")));
+                sandbox::setLinkUp(if_nametoindex("lo"));
             } catch (const std::exception&) {
                 ok = false;
             }
@@ -119,13 +115,17 @@ struct VethPeer {
         if (holder < 0 || read(ready[0], &ok, 1) != 1 || !ok) {
             throw std::runtime_error("the veth peer's network namespace could not be made");
         }
-        check(sandbox::createVethPair(app.c_str(), peer.c_str()));
+        sandbox::createVethPair(app.c_str(), peer.c_str());
         const std::string ns = "/proc/" + std::to_string(holder) + "/ns/net";
         const int nsFd = open(ns.c_str(), O_RDONLY | O_CLOEXEC);
-        if (nsFd < 0) check("opening " + ns + ": " + strerror(errno));
-        const std::string moved = sandbox::moveToNetns(if_nametoindex(peer.c_str()), nsFd);
+        if (nsFd < 0) sandbox::fail("opening", ns);
+        try {
+            sandbox::moveToNetns(if_nametoindex(peer.c_str()), nsFd);
+        } catch (...) {
+            close(nsFd);
+            throw;
+        }
         close(nsFd);
-        check(moved);
         configure(app, appAddr);
         const char byte = 1;
         if (write(go[1], &byte, 1) != 1 || read(ready[0], &ok, 1) != 1 || !ok) {
@@ -162,7 +162,7 @@ void prepareNetwork() {
                 "refusing to send traffic outside the live sandbox's own network namespace; run "
                 "inside `kovractl sandbox --live`");
     }
-    check(sandbox::setLinkUp(if_nametoindex("lo")));
+    sandbox::setLinkUp(if_nametoindex("lo"));
 }
 
 void dropTo(uint32_t uid) {

@@ -32,16 +32,13 @@ namespace {
 // every map of the catalogue; the machine's (if it has one) stays as it is, and ours vanishes
 // with the last of them.
 void standUp(bool seed) {
-    const std::string problem = sandbox::enterPrivateBpffs();
-    if (!problem.empty()) {
-        const char* hint = geteuid() != 0 ? "; try: sudo kovractl sandbox" : "";
-        throw ToolError(kExitEnvironment, "sandbox: " + problem + hint);
-    }
     try {
+        sandbox::enterPrivateBpffs();
         sandbox::createCatalogueMaps();
         if (seed) sandbox::seedDemo();
     } catch (const sandbox::Error& error) {
-        throw ToolError(kExitEnvironment, std::string("sandbox: ") + error.what());
+        const char* hint = geteuid() != 0 ? "; try: sudo kovractl sandbox" : "";
+        throw ToolError(kExitEnvironment, std::string("sandbox: ") + error.what() + hint);
     }
 }
 
@@ -68,8 +65,10 @@ std::vector<char*> argvOf(std::vector<std::string>& command) {
 // machine's network, and the programs attached to a private cgroup.
 std::unique_ptr<live::LiveSide> goLive() {
     sandbox::PrivateNetwork network;
-    if (const std::string problem = sandbox::enterPrivateNetwork(network); !problem.empty()) {
-        throw ToolError(kExitEnvironment, "sandbox: " + problem);
+    try {
+        sandbox::enterPrivateNetwork(network);
+    } catch (const sandbox::Error& error) {
+        throw ToolError(kExitEnvironment, std::string("sandbox: ") + error.what());
     }
     struct stat netns;
     if (stat("/proc/self/ns/net", &netns) == 0) {

@@ -4,7 +4,7 @@
 
 #include <stdint.h>
 
-#include <string>
+#include <kovrasandbox/Error.h>
 
 namespace kovra::sandbox {
 
@@ -18,14 +18,15 @@ struct PrivateNetwork {
 };
 
 // Moves this process into a network namespace of its own, with lo up and the veth pair of
-// PrivateNetwork. Returns what failed, empty on success. Later children of the process share it.
-std::string enterPrivateNetwork(PrivateNetwork& network);
+// PrivateNetwork. Later children of the process share it. Each of these throws Error saying
+// which step failed.
+void enterPrivateNetwork(PrivateNetwork& network);
 
-// The steps it is made of, for other layouts; each returns what failed, empty on success.
-std::string createVethPair(const char* name, const char* peer);
-std::string setLinkUp(unsigned ifindex);
+// The steps it is made of, for other layouts.
+void createVethPair(const char* name, const char* peer);
+void setLinkUp(unsigned ifindex);
 // Moves an interface into the network namespace open at `netnsFd`.
-std::string moveToNetns(unsigned ifindex, int netnsFd);
-std::string addIpv4(unsigned ifindex, const char* address, uint8_t prefixLength);
+void moveToNetns(unsigned ifindex, int netnsFd);
+void addIpv4(unsigned ifindex, const char* address, uint8_t prefixLength);
 
 }  // namespace kovra::sandbox
