@@ -8,6 +8,7 @@
 #include <net/if.h>
 #include <netinet/in.h>
 #include <poll.h>
+#include <pthread.h>
 #include <sched.h>
 #include <signal.h>
 #include <stdio.h>
@@ -21,6 +22,7 @@
 
 #include <algorithm>
 #include <functional>
+#include <set>
 #include <sstream>
 #include <stdexcept>
 
@@ -37,9 +39,18 @@ uint64_t nowNs() {
     return static_cast<uint64_t>(ts.tv_sec) * 1000000000ull + static_cast<uint64_t>(ts.tv_nsec);
 }
 
-void sleepUntil(uint64_t ns) {
+// Set in a flow's child by the signals that stop every flow: each wait below then ends at once.
+volatile sig_atomic_t stopping = 0;
+
+void stopThisChild(int) {
+    stopping = 1;
+}
+
+// Sleeps until `ns`, or until `deadline` when that is sooner; a stopping signal cuts it short.
+void sleepUntil(uint64_t ns, uint64_t deadline) {
     const uint64_t now = nowNs();
-    if (ns <= now) return;
+    ns = std::min(ns, deadline);
+    if (ns <= now || stopping) return;
     const uint64_t wait = ns - now;
     timespec ts{static_cast<time_t>(wait / 1000000000ull), static_cast<long>(wait % 1000000000ull)};
     nanosleep(&ts, nullptr);
@@ -47,8 +58,22 @@ void sleepUntil(uint64_t ns) {
 
 int remainingMs(uint64_t deadline) {
     const uint64_t now = nowNs();
-    return now >= deadline ? 0 : static_cast<int>((deadline - now) / 1000000 + 1);
+    return now >= deadline || stopping ? 0 : static_cast<int>((deadline - now) / 1000000 + 1);
 }
+
+// The signals that stop the flows, blocked while a child is forked and registered.
+sigset_t stoppingSignals() {
+    sigset_t set;
+    sigemptyset(&set);
+    for (int sig : {SIGINT, SIGTERM, SIGQUIT, SIGHUP}) sigaddset(&set, sig);
+    return set;
+}
+
+// The children of the flows that run, for stop(), which a signal handler calls.
+constexpr size_t kMaxChildren = 2 * kMaxFlows;
+volatile sig_atomic_t children[kMaxChildren];
+volatile sig_atomic_t childCount = 0;
+volatile sig_atomic_t stopRequested = 0;
 
 ino_t namespaceOf(const char* path) {
     struct stat st;
@@ -93,8 +118,11 @@ struct VethPeer {
         if (pipe2(ready, O_CLOEXEC) != 0 || pipe2(go, O_CLOEXEC) != 0) {
             throw std::runtime_error(std::string("pipe: ") + strerror(errno));
         }
+        const pid_t parent = getpid();
         holder = fork();
         if (holder == 0) {
+            live::dieWithParent(parent);
+            for (int sig : {SIGINT, SIGTERM, SIGQUIT, SIGHUP}) signal(sig, SIG_IGN);
             // Once the parent has moved the peer in: its address, and lo and the peer up.
             char byte = 0;
             bool ok = unshare(CLONE_NEWNET) == 0;
@@ -165,12 +193,15 @@ void prepareNetwork() {
     sandbox::setLinkUp(if_nametoindex("lo"));
 }
 
+// Changing credentials clears the parent-death signal: armed again after.
 void dropTo(uint32_t uid) {
+    const pid_t parent = getppid();
     if (setgroups(0, nullptr) != 0 || setresgid(uid, uid, uid) != 0 ||
         setresuid(uid, uid, uid) != 0) {
         throw std::runtime_error(std::string("taking UID ") + std::to_string(uid) + ": " +
                                  strerror(errno));
     }
+    live::dieWithParent(parent);
 }
 
 sockaddr_in addressOf(const std::string& ip, uint16_t port) {
@@ -188,6 +219,13 @@ void setInt(int fd, int level, int name, int value) {
 void setTimeout(int fd, int name, int ms) {
     timeval tv{ms / 1000, (ms % 1000) * 1000};
     setsockopt(fd, SOL_SOCKET, name, &tv, sizeof(tv));
+}
+
+// A blocking send or receive waits at most 500 ms, and never past the deadline.
+void boundTimeouts(int fd, uint64_t deadline) {
+    const int ms = std::clamp(remainingMs(deadline), 1, 500);
+    setTimeout(fd, SO_SNDTIMEO, ms);
+    setTimeout(fd, SO_RCVTIMEO, ms);
 }
 
 bool readable(int fd, int timeoutMs) {
@@ -259,8 +297,9 @@ void send(const Flow& flow, const std::string& ip, uint16_t port, Sent& sent) {
     const auto* to = reinterpret_cast<const sockaddr*>(&peer);
     std::vector<char> chunk(flow.chunk, 'k');
     uint64_t total = 0;  // over all connections, for the pacing
-    auto pace = [&] {
-        if (flow.rate != 0) sleepUntil(start + total * 1000000000ull / flow.rate);
+    auto pace = [&](int fd) {
+        if (flow.rate != 0) sleepUntil(start + total * 1000000000ull / flow.rate, deadline);
+        if (remainingMs(deadline) < 500) boundTimeouts(fd, deadline);
     };
     for (uint32_t c = 0; c < flow.connections && remainingMs(deadline) > 0; ++c) {
         const int fd = socket(AF_INET, (tcp ? SOCK_STREAM : SOCK_DGRAM) | SOCK_CLOEXEC, 0);
@@ -272,8 +311,7 @@ void send(const Flow& flow, const std::string& ip, uint16_t port, Sent& sent) {
             socklen_t len = sizeof(sent.cookie);
             getsockopt(fd, SOL_SOCKET, SO_COOKIE, &sent.cookie, &len);
         }
-        setTimeout(fd, SO_SNDTIMEO, 500);
-        setTimeout(fd, SO_RCVTIMEO, 500);
+        boundTimeouts(fd, deadline);
         if (tcp) {
             setInt(fd, IPPROTO_TCP, TCP_NODELAY, 1);
             if (connect(fd, to, sizeof(peer)) != 0) {
@@ -284,7 +322,8 @@ void send(const Flow& flow, const std::string& ip, uint16_t port, Sent& sent) {
         }
         ++sent.connections;
         for (uint64_t done = 0; done < flow.bytes && remainingMs(deadline) > 0;) {
-            pace();
+            pace(fd);
+            if (remainingMs(deadline) == 0) break;
             const size_t size = static_cast<size_t>(std::min<uint64_t>(flow.chunk, flow.bytes - done));
             const ssize_t n = tcp ? ::send(fd, chunk.data(), size, MSG_NOSIGNAL)
                                   : sendto(fd, chunk.data(), size, 0, to, sizeof(peer));
@@ -300,9 +339,10 @@ void send(const Flow& flow, const std::string& ip, uint16_t port, Sent& sent) {
             ++sent.messages;
         }
         if (tcp) {
-            sleepUntil(std::min<uint64_t>(nowNs() + flow.holdMs * 1000000ull, deadline));
+            sleepUntil(nowNs() + flow.holdMs * 1000000ull, deadline);
             // The peer closes once it has read everything: then all of it has arrived.
             shutdown(fd, SHUT_WR);
+            boundTimeouts(fd, deadline);
             char sink[256];
             while (remainingMs(deadline) > 0) {
                 const ssize_t n = read(fd, sink, sizeof(sink));
@@ -321,16 +361,33 @@ void send(const Flow& flow, const std::string& ip, uint16_t port, Sent& sent) {
 // Runs `body` in a child that joined the cgroup; returns the child and the read end of its
 // report pipe. The child first closes `parentOnly`: the write ends of the flows' stop pipes,
 // whose end of file must reach each receiver when the parent closes them.
+// The child dies with the thread that forked it, and a stopping signal (Ctrl-C reaches it too, or
+// stop() passes one on) ends its flow early, with a report of what it did.
 std::pair<pid_t, int> spawn(const std::string& cgroup, const std::vector<int>& parentOnly,
                             const std::function<void(int)>& body) {
+    if (childCount == static_cast<sig_atomic_t>(kMaxChildren)) {
+        throw std::runtime_error("at most " + std::to_string(kMaxFlows) + " flows at once");
+    }
     int report[2];
     if (pipe2(report, O_CLOEXEC) != 0) throw std::runtime_error(strerror(errno));
+    const sigset_t blocked = stoppingSignals();
+    sigset_t before;
+    pthread_sigmask(SIG_BLOCK, &blocked, &before);
+    const pid_t parent = getpid();
     const pid_t pid = fork();
-    if (pid < 0) throw std::runtime_error(std::string("fork: ") + strerror(errno));
+    if (pid < 0) {
+        pthread_sigmask(SIG_SETMASK, &before, nullptr);
+        throw std::runtime_error(std::string("fork: ") + strerror(errno));
+    }
     if (pid == 0) {
+        struct sigaction action {};
+        action.sa_handler = stopThisChild;
+        for (int sig : {SIGINT, SIGTERM, SIGQUIT, SIGHUP}) sigaction(sig, &action, nullptr);
+        pthread_sigmask(SIG_SETMASK, &before, nullptr);
         close(report[0]);
         for (int fd : parentOnly) close(fd);
         try {
+            live::dieWithParent(parent);
             live::joinCgroup(cgroup);
             body(report[1]);
         } catch (const std::exception& e) {
@@ -339,40 +396,58 @@ std::pair<pid_t, int> spawn(const std::string& cgroup, const std::vector<int>& p
         }
         _exit(0);
     }
+    children[childCount] = pid;
+    childCount = childCount + 1;
+    if (stopRequested) kill(pid, SIGTERM);
+    pthread_sigmask(SIG_SETMASK, &before, nullptr);
     close(report[1]);
     return {pid, report[0]};
 }
 
 template <typename T>
 bool readAll(int fd, T& value) {
-    return read(fd, &value, sizeof(value)) == static_cast<ssize_t>(sizeof(value));
+    ssize_t n;
+    while ((n = read(fd, &value, sizeof(value))) < 0 && errno == EINTR) {
+    }
+    return n == static_cast<ssize_t>(sizeof(value));
 }
 
 uint64_t number(const std::string& key, const std::string& text, uint64_t max) {
-    size_t end = 0;
-    unsigned long long value = 0;
-    try {
-        value = std::stoull(text, &end, 10);
-    } catch (const std::exception&) {
-        end = 0;
-    }
-    if (end != text.size() || text.empty() || text[0] == '-' || value > max) {
-        throw std::invalid_argument(key + "=" + text + ": expected a number up to " +
-                                    std::to_string(max));
-    }
-    return value;
+    return parseNumber(key, text, max);
 }
 
 }  // namespace
 
+uint64_t parseNumber(const std::string& name, const std::string& text, uint64_t max) {
+    uint64_t value = 0;
+    bool fits = !text.empty() && (text.size() == 1 || text[0] != '0');
+    for (size_t i = 0; fits && i < text.size(); ++i) {
+        const unsigned digit = static_cast<unsigned char>(text[i]) - '0';
+        fits = digit <= 9 && value <= (max - digit) / 10;
+        value = value * 10 + digit;
+    }
+    if (!fits) {
+        throw std::invalid_argument(name + "=" + text + ": expected a number 0.." +
+                                    std::to_string(max) + " (digits only, no leading zero)");
+    }
+    return value;
+}
+
+void stop() {
+    stopRequested = 1;
+    for (sig_atomic_t i = 0; i < childCount; ++i) kill(children[i], SIGTERM);
+}
+
 Flow parseFlow(const std::string& text) {
     Flow flow;
     bool hasUid = false, hasPeer = false;
+    std::set<std::string> seen;
     std::istringstream in(text);
     for (std::string item; std::getline(in, item, ',');) {
         const size_t eq = item.find('=');
         const std::string key = item.substr(0, eq);
         const std::string value = eq == std::string::npos ? "" : item.substr(eq + 1);
+        if (!seen.insert(key).second) throw std::invalid_argument("`" + key + "` given twice");
         if (key == "uid") {
             flow.uid = static_cast<uint32_t>(number(key, value, UINT32_MAX));
             hasUid = true;
@@ -402,13 +477,17 @@ Flow parseFlow(const std::string& text) {
         }
     }
     if (!hasUid || !hasPeer) throw std::invalid_argument("a flow needs uid= and peer=");
-    if (flow.chunk == 0 || flow.connections == 0) {
-        throw std::invalid_argument("chunk and conns must be at least 1");
+    if (flow.chunk == 0 || flow.connections == 0 || flow.limitMs == 0) {
+        throw std::invalid_argument("chunk, conns and limit must be at least 1");
     }
     return flow;
 }
 
 std::vector<Sent> run(const std::vector<Flow>& flows, const std::string& cgroup) {
+    if (flows.size() > kMaxFlows) {
+        throw std::runtime_error("at most " + std::to_string(kMaxFlows) + " flows at once");
+    }
+    childCount = 0;
     prepareNetwork();
     VethPeer veth;
     if (std::any_of(flows.begin(), flows.end(), [](const Flow& f) { return f.route == Route::kVeth; })) {
@@ -421,7 +500,7 @@ std::vector<Sent> run(const std::vector<Flow>& flows, const std::string& cgroup)
     std::vector<Running> running;
     std::vector<int> parentOnly;
     std::vector<Sent> sent(flows.size());
-    for (size_t i = 0; i < flows.size(); ++i) {
+    for (size_t i = 0; i < flows.size() && !stopRequested; ++i) {
         const Flow& flow = flows[i];
         const bool overVeth = flow.route == Route::kVeth;
         const std::string ip = overVeth ? veth.peerAddr : "127.0.0.1";
@@ -466,6 +545,8 @@ std::vector<Sent> run(const std::vector<Flow>& flows, const std::string& cgroup)
         waitpid(r.sender, nullptr, 0);
         waitpid(r.receiver, nullptr, 0);
     }
+    childCount = 0;
+    stopRequested = 0;
     return sent;
 }
 

@@ -46,15 +46,28 @@ struct Sent {
 inline constexpr uint64_t kMaxBytes = 1ull << 30;
 inline constexpr uint32_t kMaxConnections = 5000;
 inline constexpr uint32_t kMaxLimitMs = 120000;
+inline constexpr size_t kMaxFlows = 512;  // at once
+
+// A decimal number as kovractl reads one: digits only (no sign, blank or leading zero), at most
+// `max`. Throws std::invalid_argument naming `name`.
+uint64_t parseNumber(const std::string& name, const std::string& text, uint64_t max);
 
 // Parses "uid=10001,peer=10002,proto=tcp,route=lo,bytes=100000,chunk=1000,rate=50000,
-// conns=1,hold=0,keepalive=0,limit=60000". Throws std::invalid_argument naming the mistake.
+// conns=1,hold=0,keepalive=0,limit=60000" (each key once; limit at least 1). Throws
+// std::invalid_argument naming the mistake.
 Flow parseFlow(const std::string& text);
 
-// Runs the flows at once and waits for them all. `cgroup` is the live side's sub-cgroup that
-// both ends join. Sends only in the network namespace declared in live::kNetnsEnv; throws
-// std::runtime_error in any other, or when the network cannot be prepared.
+// Runs the flows at once and waits for them all, at most `limit` each: every wait of a flow ends
+// by its deadline. `cgroup` is the live side's sub-cgroup that both ends join. Every child dies
+// with the thread that called run(). Sends only in the network namespace declared in
+// live::kNetnsEnv; throws std::runtime_error in any other, or when the network cannot be
+// prepared. One run at a time per process (stop() reaches the children of the current one).
 std::vector<Sent> run(const std::vector<Flow>& flows, const std::string& cgroup);
+
+// Ends every flow of the run under way (or, before one, of the next) within a second, each
+// reporting what it did, and starts no more: for a handler of SIGINT or SIGTERM
+// (async-signal-safe). run() then returns.
+void stop();
 
 // The flows and what they sent, as a table and as JSON.
 std::string table(const std::vector<Flow>& flows, const std::vector<Sent>& sent);

@@ -6,8 +6,11 @@
 //
 // FLOW: uid=N,peer=N[,proto=tcp|udp][,route=lo|veth][,bytes=N][,chunk=N][,rate=BYTES_PER_S]
 //       [,conns=N][,hold=MS][,keepalive=0|1][,limit=MS]
-// Exit codes: 0 done (a flow's socket error is shown, not fatal), 2 usage, 3 environment.
+// SIGINT, SIGTERM, SIGQUIT and SIGHUP end every flow early; what ran is reported all the same.
+// Exit codes, as kovractl's: 0 done (a flow's socket error is shown, not fatal), 2 usage,
+// 3 environment, 5 the output could not be written; 128 + N after signal N ended the flows.
 #include <errno.h>
+#include <signal.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
@@ -26,20 +29,66 @@ constexpr char kUsage[] =
         "FLOW: uid=N,peer=N[,proto=tcp|udp][,route=lo|veth][,bytes=N][,chunk=N]"
         "[,rate=BYTES_PER_S][,conns=N][,hold=MS][,keepalive=0|1][,limit=MS]\n";
 
+constexpr int kExitUsage = 2, kExitEnvironment = 3, kExitOutput = 5;
+
 int usage(const std::string& problem) {
     fprintf(stderr, "kovra-traffic: %s\n%s", problem.c_str(), kUsage);
-    return 2;
+    return kExitUsage;
 }
 
 int environment(const std::string& problem) {
     fprintf(stderr, "kovra-traffic: %s\n", problem.c_str());
-    return 3;
+    return kExitEnvironment;
 }
 
-}  // namespace
+volatile sig_atomic_t stoppedBy = 0;
 
-int main(int argc, char** argv) {
-    std::vector<std::string> args(argv + 1, argv + argc);
+void stopFlows(int sig) {
+    stoppedBy = sig;
+    kovra::traffic::stop();
+}
+
+// Flushes and closes `out`; false (errno set) when anything written to it was lost.
+bool written(FILE* out) {
+    const bool ok = fflush(out) == 0 && !ferror(out);
+    const int err = errno;
+    const bool closed = out == stdout || fclose(out) == 0;
+    if (!ok) errno = err;
+    return ok && closed;
+}
+
+int runFlows(const std::vector<kovra::traffic::Flow>& flows, const char* cgroup,
+             const std::string& jsonFile) {
+    // An unwritable FILE is found before any flow runs.
+    FILE* json = nullptr;
+    if (!jsonFile.empty() && jsonFile != "-" && (json = fopen(jsonFile.c_str(), "w")) == nullptr) {
+        fprintf(stderr, "kovra-traffic: cannot write %s: %s\n", jsonFile.c_str(), strerror(errno));
+        return kExitOutput;
+    }
+    struct sigaction action {};
+    action.sa_handler = stopFlows;
+    for (int sig : {SIGINT, SIGTERM, SIGQUIT, SIGHUP}) sigaction(sig, &action, nullptr);
+    std::vector<kovra::traffic::Sent> sent;
+    try {
+        sent = kovra::traffic::run(flows, cgroup);
+    } catch (const std::exception& e) {
+        if (json != nullptr) fclose(json);
+        return environment(e.what());
+    }
+    if (jsonFile != "-") fputs(kovra::traffic::table(flows, sent).c_str(), stdout);
+    if (jsonFile == "-") fputs(kovra::traffic::json(flows, sent).c_str(), stdout);
+    if (json != nullptr) {
+        fputs(kovra::traffic::json(flows, sent).c_str(), json);
+        if (!written(json)) {
+            fprintf(stderr, "kovra-traffic: writing %s failed: %s\n", jsonFile.c_str(),
+                    strerror(errno));
+            return kExitOutput;
+        }
+    }
+    return stoppedBy != 0 ? 128 + stoppedBy : 0;
+}
+
+int run(std::vector<std::string> args) {
     std::string jsonFile;
     if (!args.empty() && args[0] == "--json") {
         if (args.size() < 2) return usage("--json needs a FILE, or - for standard output");
@@ -47,18 +96,18 @@ int main(int argc, char** argv) {
         args.erase(args.begin(), args.begin() + 2);
     }
     if (args.empty()) return usage("no command");
-    const char* cgroup = getenv(kovra::live::kCgroupEnv);
     if (args[0] == "freeze" || args[0] == "thaw") {
         if (args.size() != 2) return usage(args[0] + " takes one UID");
-        char* end = nullptr;
-        const unsigned long uid = strtoul(args[1].c_str(), &end, 10);
-        if (*end != '\0' || args[1].empty() || uid > UINT32_MAX) return usage("not a UID: " + args[1]);
+        uint32_t uid;
         try {
-            kovra::live::setFrozen(static_cast<uint32_t>(uid), args[0] == "freeze");
+            uid = static_cast<uint32_t>(kovra::traffic::parseNumber("UID", args[1], UINT32_MAX));
+            kovra::live::setFrozen(uid, args[0] == "freeze");
+        } catch (const std::invalid_argument& e) {
+            return usage(e.what());
         } catch (const kovra::sandbox::Error& e) {
             return environment(std::string(e.what()) + " (is this a live sandbox?)");
         }
-        printf("UID %lu %s\n", uid, args[0] == "freeze" ? "frozen" : "thawed");
+        printf("UID %u %s\n", uid, args[0] == "freeze" ? "frozen" : "thawed");
         return 0;
     }
     if (args[0] != "flow") return usage("unknown command `" + args[0] + "`");
@@ -69,22 +118,24 @@ int main(int argc, char** argv) {
     } catch (const std::invalid_argument& e) {
         return usage(e.what());
     }
+    const char* cgroup = getenv(kovra::live::kCgroupEnv);
     if (cgroup == nullptr || *cgroup == '\0') {
         return environment(std::string(kovra::live::kCgroupEnv) +
                            " is not set; run inside `kovractl sandbox --live`");
     }
-    try {
-        const auto sent = kovra::traffic::run(flows, cgroup);
-        if (jsonFile != "-") fputs(kovra::traffic::table(flows, sent).c_str(), stdout);
-        if (jsonFile == "-") fputs(kovra::traffic::json(flows, sent).c_str(), stdout);
-        if (!jsonFile.empty() && jsonFile != "-") {
-            FILE* out = fopen(jsonFile.c_str(), "w");
-            if (out == nullptr) return environment("cannot write " + jsonFile + ": " + strerror(errno));
-            fputs(kovra::traffic::json(flows, sent).c_str(), out);
-            fclose(out);
-        }
-    } catch (const std::exception& e) {
-        return environment(e.what());
+    return runFlows(flows, cgroup, jsonFile);
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    // A closed pipe is an output failure like any other, reported rather than a silent death.
+    signal(SIGPIPE, SIG_IGN);
+    const int code = run(std::vector<std::string>(argv + 1, argv + argc));
+    // Every write to stdout is checked here, at the end: a full disk or a closed stdout fails.
+    if (!written(stdout)) {
+        fprintf(stderr, "kovra-traffic: writing the output failed: %s\n", strerror(errno));
+        return kExitOutput;
     }
-    return 0;
+    return code;
 }

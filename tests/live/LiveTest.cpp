@@ -8,10 +8,13 @@
 // TCP header, the SYN 8 more of options; so the sender's bytes are its payload, plus what it
 // retransmitted, + 52 x its packets + 8. UDP: payload + 28 per datagram.
 #include <arpa/inet.h>
+#include <fcntl.h>
 #include <stdlib.h>
+#include <sys/file.h>
 #include <sys/stat.h>
 #include <time.h>
 
+#include <array>
 #include <atomic>
 #include <chrono>
 #include <future>
@@ -47,6 +50,7 @@ class LiveTest : public KernelTest {
         }
         try {
             mLive = std::make_unique<live::LiveSide>();
+            if (!mLive->swept().empty()) fprintf(stderr, "live test: %s\n", mLive->swept().c_str());
         } catch (const live::LiveError& e) {
             // Like a missing bpffs: a kernel without cgroup programs skips, except under CI.
             if (!e.cannotAttach || underCi()) FAIL() << e.what();
@@ -61,7 +65,10 @@ class LiveTest : public KernelTest {
     // most unless a flow says otherwise.
     std::vector<traffic::Sent> drive(const std::vector<std::string>& flows) const {
         std::vector<traffic::Flow> parsed;
-        for (const std::string& f : flows) parsed.push_back(traffic::parseFlow("limit=30000," + f));
+        for (const std::string& f : flows) {
+            parsed.push_back(traffic::parseFlow(
+                    f.find("limit=") != std::string::npos ? f : "limit=30000," + f));
+        }
         return traffic::run(parsed, mLive->cgroup());
     }
     std::unique_ptr<live::LiveSide> mLive;
@@ -317,6 +324,51 @@ TEST_F(LiveSoak, EveryFamilyUnderLiveTraffic) {
     // Once every round has ended, the sender's traffic is counted.
     EXPECT_GT(snapshot(bpfGetUidPurStatsTotal)[10051].txBytes, 0u);
     EXPECT_EQ(fdsBefore, openFdCount()) << "a descriptor leaked";
+}
+
+using LiveDriver = LiveTest;
+
+// Every wait of a flow ends by its limit: pacing far slower than the limit allows, an idle hold.
+TEST_F(LiveDriver, LimitsHoldInEveryWait) {
+    const auto sent = drive({"uid=10061,peer=10062,bytes=3000,rate=1,limit=1000",
+                             "uid=10063,peer=10062,bytes=3000,rate=100,limit=1000",
+                             "uid=10064,peer=10062,bytes=10,hold=60000,limit=1000"});
+    // Unlimited, these waits take 3000 s, 30 s and 60 s; the bound leaves room for a loaded or
+    // emulated machine.
+    for (const traffic::Sent& s : sent) EXPECT_LT(s.seconds, 10.0) << s.bytes;
+    EXPECT_EQ(1000u, sent[0].bytes) << "one chunk, then the limit";
+}
+
+using LiveSweep = LiveTest;
+
+// What killed live sides left goes once nobody holds its folder: an empty cgroup with its folder,
+// a folder alone. A cgroup without a folder (its creator unknown), a held folder's and this live
+// side's own stay.
+TEST_F(LiveSweep, RemovesOnlyWhatKilledSidesLeft) {
+    const std::string root = mLive->cgroup().substr(0, mLive->cgroup().rfind('/'));
+    // {folder, cgroup, folder held, swept}
+    const std::vector<std::array<bool, 4>> leftovers = {{true, true, false, true},
+                                                        {true, false, false, true},
+                                                        {false, true, false, false},
+                                                        {true, true, true, false}};
+    int lock = -1;
+    const std::string tag = std::to_string(getpid());
+    auto folder = [&](size_t i) { return "/tmp/kovra-live-cgroup." + tag + char('a' + i); };
+    auto cgroup = [&](size_t i) { return root + "/kovra-live." + tag + char('a' + i); };
+    for (size_t i = 0; i < leftovers.size(); ++i) {
+        EXPECT_TRUE(!leftovers[i][0] || mkdir(folder(i).c_str(), 0700) == 0) << folder(i);
+        EXPECT_TRUE(!leftovers[i][1] || mkdir(cgroup(i).c_str(), 0755) == 0) << cgroup(i);
+        if (leftovers[i][2]) lock = open(folder(i).c_str(), O_RDONLY | O_CLOEXEC);
+        EXPECT_TRUE(!leftovers[i][2] || flock(lock, LOCK_EX) == 0);
+    }
+    EXPECT_EQ("removed 1 empty cgroup(s) and 2 folder(s) left by killed live sandboxes",
+              live::sweepLeftovers(root));
+    for (size_t i = 0; i < leftovers.size(); ++i) {
+        EXPECT_EQ(leftovers[i][0] && !leftovers[i][3], rmdir(folder(i).c_str()) == 0) << i;
+        EXPECT_EQ(leftovers[i][1] && !leftovers[i][3], rmdir(cgroup(i).c_str()) == 0) << i;
+    }
+    close(lock);
+    EXPECT_EQ(0, access(mLive->cgroup().c_str(), F_OK)) << "this live side's own";
 }
 
 }  // namespace

@@ -8,7 +8,9 @@
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
+#include <sys/prctl.h>
 #include <sys/stat.h>
+#include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -53,6 +55,27 @@ void putSelfOnPath() {
     setenv("PATH", (dir + ":" + (path != nullptr ? path : "/usr/bin:/bin")).c_str(), 1);
 }
 
+// The command starts as it would from a shell: kovractl's own dispositions (SIGPIPE ignored, its
+// abort and termination handlers), what it inherited ignored and any blocked signal are not
+// passed on. The kernel's own call, as libc keeps its internal signals out of signal()'s reach,
+// and glibc's posix_spawn() passes those on ignored.
+void restoreSignals() {
+    struct {
+        void (*handler)(int);
+        unsigned long flags;
+        void (*restorer)();
+        uint64_t mask;
+    } byDefault{SIG_DFL, 0, nullptr, 0};
+    for (int sig = 1; sig < NSIG; ++sig) {
+        if (sig != SIGKILL && sig != SIGSTOP) {
+            syscall(SYS_rt_sigaction, sig, &byDefault, nullptr, sizeof(byDefault.mask));
+        }
+    }
+    sigset_t none;
+    sigemptyset(&none);
+    sigprocmask(SIG_SETMASK, &none, nullptr);
+}
+
 std::vector<char*> argvOf(std::vector<std::string>& command) {
     std::vector<char*> argv;
     for (std::string& word : command) argv.push_back(word.data());
@@ -76,6 +99,8 @@ std::unique_ptr<live::LiveSide> goLive() {
     }
     try {
         auto live = std::make_unique<live::LiveSide>();
+        if (!live->swept().empty())
+            fprintf(stderr, "kovractl sandbox: %s\n", live->swept().c_str());
         setenv(live::kCgroupEnv, live->cgroup().c_str(), 1);
         return live;
     } catch (const live::LiveError& e) {
@@ -91,11 +116,17 @@ void forwardSignal(int sig) {
 
 // Runs the command in the live side's cgroup and waits for it, so that the sandbox outlives it
 // and takes the programs and the cgroup down afterwards. Returns the command's exit status.
+// The command dies with the sandbox, and what it starts is re-parented to the sandbox rather
+// than to the machine's init; if the sandbox is killed, the live side's guard ends the rest.
 int runMeasured(const live::LiveSide& live, std::vector<char*>& argv) {
+    prctl(PR_SET_CHILD_SUBREAPER, 1);
+    const pid_t self = getpid();
     measured = fork();
     if (measured < 0)
         throw ToolError(kExitEnvironment, std::string("sandbox: fork: ") + strerror(errno));
     if (measured == 0) {
+        live::dieWithParent(self);
+        restoreSignals();
         try {
             live::joinCgroup(live.cgroup());
         } catch (const live::LiveError& e) {
@@ -113,8 +144,10 @@ int runMeasured(const live::LiveSide& live, std::vector<char*>& argv) {
     signal(SIGQUIT, SIG_IGN);
     signal(SIGTERM, forwardSignal);
     signal(SIGHUP, forwardSignal);
+    // Orphans of the command are reaped on the way; the guard, a child too, is not waited for.
     int status = 0;
-    while (waitpid(measured, &status, 0) < 0 && errno == EINTR) {
+    for (pid_t pid; (pid = waitpid(-1, &status, 0)) != measured;) {
+        if (pid < 0 && errno != EINTR) break;
     }
     return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
 }
@@ -162,6 +195,7 @@ int runSandbox(const SandboxOptions& options) {
 #endif
     // The command replaces this process, so its exit status is the sandbox's.
     std::vector<char*> argv = argvOf(command);
+    restoreSignals();
     execvp(argv[0], argv.data());
     const int err = errno;
     fprintf(stderr, "kovractl: sandbox: cannot run %s: %s\n", argv[0], strerror(err));

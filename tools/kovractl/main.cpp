@@ -34,7 +34,8 @@ std::vector<std::string> splitSandboxCommand(std::vector<std::string>& args) {
     if (i == args.size() || args[i] != "sandbox") return {};
     for (++i; i < args.size(); ++i) {
         if (args[i] == "--seed") {
-            ++i;
+            // A missing value is the parser's to report.
+            if (i + 1 < args.size()) ++i;
         } else if (args[i] == "--") {
             std::vector<std::string> command(args.begin() + i + 1, args.end());
             args.resize(i);
