@@ -22,10 +22,9 @@
 
 #include <fuzzer/FuzzedDataProvider.h>
 #include <kovrabpf/KovraBpfNetworkStats.h>
-#include <kovrabpf/KovraPinnedMaps.h>
 #include <kovrasandbox/Bpffs.h>
 #include <kovrasandbox/Maps.h>
-#include <kovrasandbox/Seed.h>
+#include <kovrasandbox/Clock.h>
 
 using namespace android::bpf;
 namespace sandbox = kovra::sandbox;

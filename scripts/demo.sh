@@ -231,6 +231,6 @@ else
     cmake -S "$root" -B "$build" -DCMAKE_BUILD_TYPE=RelWithDebInfo -DKOVRA_BUILD_TESTS=OFF >/dev/null
     cmake --build "$build" --target kovractl kovra-traffic -j 2 >/dev/null
     kovractl=$build/tools/kovractl/kovractl
-    traffic=$build/sandbox/live/kovra-traffic
+    traffic=$build/tools/kovra-traffic/kovra-traffic
 fi
 exec "$kovractl" sandbox --live -- bash "$root/scripts/demo.sh" --scenario "$kovractl" "$traffic"

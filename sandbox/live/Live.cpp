@@ -1,4 +1,4 @@
-#include "Live.h"
+#include <kovralive/Live.h>
 
 #include <dirent.h>
 #include <errno.h>
@@ -11,7 +11,6 @@
 #include <string.h>
 #include <sys/file.h>
 #include <sys/mount.h>
-#include <sys/prctl.h>
 #include <sys/stat.h>
 #include <sys/statfs.h>
 #include <sys/wait.h>
@@ -216,11 +215,6 @@ std::string sweepLeftovers(const std::string& cgroupRoot) {
     if (cgroups + folders == 0) return "";
     return "removed " + std::to_string(cgroups) + " empty cgroup(s) and " +
            std::to_string(folders) + " folder(s) left by killed live sandboxes";
-}
-
-void dieWithParent(pid_t parent) {
-    prctl(PR_SET_PDEATHSIG, SIGKILL);
-    if (getppid() != parent) _exit(1);
 }
 
 LiveSide::LiveSide() {

@@ -1,6 +1,4 @@
-#include <errno.h>
 #include <fcntl.h>
-#include <unistd.h>
 
 #include <set>
 

@@ -1,7 +1,5 @@
-#include <errno.h>
 #include <fcntl.h>
 #include <sys/personality.h>
-#include <unistd.h>
 
 #include "Harness.h"
 

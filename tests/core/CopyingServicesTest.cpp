@@ -1,7 +1,6 @@
 // The thirteen services that copy a map into the caller's table share one contract, checked here
 // for each of them: the per-UID totals, the freeze harvests (which then empty their map) and the
 // wake-up counter readers.
-#include <errno.h>
 #include <stdio.h>
 
 #include <functional>

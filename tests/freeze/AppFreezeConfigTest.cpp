@@ -1,6 +1,4 @@
-#include <errno.h>
 #include <stdio.h>
-#include <unistd.h>
 
 #include "Harness.h"
 

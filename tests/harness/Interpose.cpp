@@ -2,11 +2,8 @@
 // the library's bpf commands (the executable's syscall() is interpose/'s). The library reaches
 // these C functions through the dynamic linker, which finds the executable's first; each forwards
 // to the next definition (libc's or a sanitizer's) unless a test says otherwise.
-#include <errno.h>
 #include <stdarg.h>
 #include <stdio.h>
-#include <string.h>
-#include <sys/syscall.h>
 #include <sys/utsname.h>
 
 #include <map>

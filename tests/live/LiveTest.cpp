@@ -12,7 +12,6 @@
 #include <stdlib.h>
 #include <sys/file.h>
 #include <sys/stat.h>
-#include <time.h>
 
 #include <array>
 #include <atomic>
@@ -21,8 +20,8 @@
 #include <memory>
 #include <thread>
 
-#include <Live.h>
-#include <Traffic.h>
+#include <kovralive/Live.h>
+#include <kovralive/Traffic.h>
 
 #include "Harness.h"
 

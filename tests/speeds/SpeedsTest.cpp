@@ -9,7 +9,6 @@
 
 #include <netutils/ifc.h>
 
-#include <kovrasandbox/Seed.h>
 
 #include "Harness.h"
 

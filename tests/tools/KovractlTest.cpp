@@ -4,10 +4,8 @@
 // test process, so it sees the same bpffs.
 #include <fcntl.h>
 #include <spawn.h>
-#include <string.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
-#include <unistd.h>
 
 
 #include <fstream>

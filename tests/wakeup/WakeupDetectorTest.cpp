@@ -1,10 +1,8 @@
 // The TCP wake-up detector: the heartbeat lengths and the screen-state switch with its reset of
 // the maps flagged as overflowing (the counter readers are among the copying services, core/).
-#include <errno.h>
 #include <fcntl.h>
 
 #include <algorithm>
-#include <string>
 
 #include "Harness.h"
 

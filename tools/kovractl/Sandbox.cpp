@@ -15,6 +15,7 @@
 #include <unistd.h>
 
 #include <kovrasandbox/Bpffs.h>
+#include <kovrasandbox/Child.h>
 #include <kovrasandbox/Maps.h>
 #include <kovrasandbox/Netns.h>
 #include <kovrasandbox/Seed.h>
@@ -24,7 +25,7 @@
 // The live side is the desk's own stand-in for the platform's eBPF programs; a device build of
 // kovractl, where the platform's programs fill the maps, has none and no --live.
 #ifdef KOVRA_LIVE_SIDE
-#include <Live.h>
+#include <kovralive/Live.h>
 #endif
 
 namespace kovra::tool {
@@ -125,7 +126,7 @@ int runMeasured(const live::LiveSide& live, std::vector<char*>& argv) {
     if (measured < 0)
         throw ToolError(kExitEnvironment, std::string("sandbox: fork: ") + strerror(errno));
     if (measured == 0) {
-        live::dieWithParent(self);
+        sandbox::dieWithParent(self);
         restoreSignals();
         try {
             live::joinCgroup(live.cgroup());

@@ -76,10 +76,6 @@ class LiveSide {
 // process holds. Returns one line saying what went, or "" when nothing did.
 std::string sweepLeftovers(const std::string& cgroupRoot);
 
-// For a forked child: dies with SIGKILL when the thread that forked it ends (`parent` is the
-// forking process's pid, taken before fork(), for the race of a parent that ended already).
-void dieWithParent(pid_t parent);
-
 // Moves the calling process into the cgroup at `cgroup`. Throws LiveError.
 void joinCgroup(const std::string& cgroup);
 
