@@ -1,7 +1,9 @@
 // kovractl net: cutting apps off the network, letting them back on, and who is cut off.
-#include <kovrabpf/KovraBpfNetworkStats.h>
+#include <limits.h>
 
 #include <map>
+
+#include <kovrabpf/KovraBpfNetworkStats.h>
 
 #include "Commands.h"
 
@@ -11,9 +13,12 @@ using namespace android::bpf;
 
 namespace {
 
+constexpr char kLegacyHelp[] =
+        "The legacy firewall switch: RULE 1 allows the app (exit 1 when it was not blocked), any "
+        "other RULE blocks it";
+
 struct NetOptions {
-    uint32_t uid = 0;
-    uint32_t rule = 0;
+    uint32_t uid = 0, rule = 0;
 };
 
 // The services take the UID as int and use its bits unchanged as the unsigned key.
@@ -72,13 +77,10 @@ void addNetCommands(CLI::App& app, Context& ctx) {
     addNumber(unblockCommand, "UID", opts->uid, "The app's UID");
     onShow(unblockCommand, ctx, [opts] { return block(opts->uid, false); });
 
-    CLI::App* legacyCommand = net->add_subcommand(
-            "legacy",
-            "The legacy firewall switch: RULE 1 allows the app (exit 1 when it was not "
-            "blocked), any other RULE blocks it");
+    CLI::App* legacyCommand = net->add_subcommand("legacy", kLegacyHelp);
     addNumber(legacyCommand, "UID", opts->uid, "The app's UID");
-    addNumber(legacyCommand, "RULE", opts->rule, "1 allows, anything else blocks",
-              std::numeric_limits<int>::max());
+    // The service takes the rule as int.
+    addNumber(legacyCommand, "RULE", opts->rule, "1 allows, anything else blocks", INT_MAX);
     onShow(legacyCommand, ctx, [opts] { return legacy(opts->uid, opts->rule); });
 }
 
