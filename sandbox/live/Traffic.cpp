@@ -4,16 +4,12 @@
 #include <fcntl.h>
 #include <grp.h>
 #include <net/if.h>
-#include <pthread.h>
-#include <signal.h>
-#include <stdio.h>
 #include <stdlib.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
-#include <functional>
 #include <optional>
 
 #include <kovralive/Live.h>
@@ -23,7 +19,6 @@
 
 #include "Children.h"
 #include "Ends.h"
-#include "Waits.h"
 
 namespace kovra::traffic {
 namespace {
