@@ -41,20 +41,21 @@ Output listMaps() {
         const MapState s = inspectMap(row, row.access);
         const Json type = s.type ? Json(*s.type) : Json(nullptr);
         const Json entries = s.entries ? Json(*s.entries) : Json(nullptr);
-        rows.rows.push_back({mapName(row.path), familyName(row.family), type,
-                             optional(s.keySize), optional(s.valueSize), entries, s.state});
-        out.json.push_back({{"name", mapName(row.path)},
-                        {"path", row.path},
-                        {"family", familyName(row.family)},
-                        {"access", row.access == Access::kReadOnly ? "read-only" : "read-write"},
-                        {"type", type},
-                        {"keySize", optional(s.keySize)},
-                        {"valueSize", optional(s.valueSize)},
-                        {"expectedKeySize", row.keySize},
-                        {"expectedValueSize", row.valueSize},
-                        {"entries", entries},
-                        {"state", s.state},
-                        {"problem", s.problem.empty() ? Json(nullptr) : Json(s.problem)}});
+        rows.rows.push_back({mapName(row.path), familyName(row.family), type, optional(s.keySize),
+                             optional(s.valueSize), entries, s.state});
+        out.json.push_back(
+                {{"name", mapName(row.path)},
+                 {"path", row.path},
+                 {"family", familyName(row.family)},
+                 {"access", row.access == Access::kReadOnly ? "read-only" : "read-write"},
+                 {"type", type},
+                 {"keySize", optional(s.keySize)},
+                 {"valueSize", optional(s.valueSize)},
+                 {"expectedKeySize", row.keySize},
+                 {"expectedValueSize", row.valueSize},
+                 {"entries", entries},
+                 {"state", s.state},
+                 {"problem", s.problem.empty() ? Json(nullptr) : Json(s.problem)}});
         if (!s.problem.empty()) problems.push_back(mapName(row.path) + ": " + s.problem);
     }
     out.table(rows);
@@ -64,22 +65,36 @@ Output listMaps() {
 }
 
 // Record fields as JSON, by record type; a plain number takes the name its map gives it.
-void decode(Json& o, const char* name, uint32_t v) { o[name] = v; }
-void decode(Json& o, const char* name, uint64_t v) { o[name] = v; }
+void decode(Json& o, const char* name, uint32_t v) {
+    o[name] = v;
+}
+void decode(Json& o, const char* name, uint64_t v) {
+    o[name] = v;
+}
 void decode(Json& o, const char*, const StatsValue& v) {
-    o.update({{"rxPackets", v.rxPackets}, {"rxBytes", v.rxBytes},
-              {"txPackets", v.txPackets}, {"txBytes", v.txBytes}});
+    o.update({{"rxPackets", v.rxPackets},
+              {"rxBytes", v.rxBytes},
+              {"txPackets", v.txPackets},
+              {"txBytes", v.txBytes}});
 }
 void decode(Json& o, const char*, const KovraStatsValue& v) {
-    o.update({{"rxPackets", v.rxPackets}, {"rxBytes", v.rxBytes}, {"txPackets", v.txPackets},
-              {"txBytes", v.txBytes}, {"extra0", v.extra0}, {"extra1", v.extra1}});
+    o.update({{"rxPackets", v.rxPackets},
+              {"rxBytes", v.rxBytes},
+              {"txPackets", v.txPackets},
+              {"txBytes", v.txBytes},
+              {"extra0", v.extra0},
+              {"extra1", v.extra1}});
 }
 template <size_t N>
 void decodeWords(Json& o, const uint64_t (&words)[N]) {
     for (size_t w = 0; w < N; ++w) o["data" + std::to_string(w)] = words[w];
 }
-void decode(Json& o, const char*, const AppFreezeSynInfo& v) { decodeWords(o, v.data); }
-void decode(Json& o, const char*, const AppFreezeStatsInfo& v) { decodeWords(o, v.data); }
+void decode(Json& o, const char*, const AppFreezeSynInfo& v) {
+    decodeWords(o, v.data);
+}
+void decode(Json& o, const char*, const AppFreezeStatsInfo& v) {
+    decodeWords(o, v.data);
+}
 void decode(Json& o, const char*, const AppFreezeConfig& v) {
     o.update({{"word0", v.word0}, {"word1", v.word1}, {"word2", v.word2}});
 }
@@ -99,7 +114,9 @@ void decode(Json& o, const char*, const SpeedsValue& v) {
 }
 void decode(Json& o, const char*, const SocketTuple& v) {
     in_addr address{v.remoteAddr4};
-    o.update({{"ifindex", v.ifindex}, {"ipv4Valid", v.ipv4Valid}, {"remoteAddr4", inet_ntoa(address)}});
+    o.update({{"ifindex", v.ifindex},
+              {"ipv4Valid", v.ipv4Valid},
+              {"remoteAddr4", inet_ntoa(address)}});
 }
 void decode(Json& o, const char*, const IfIndexSpeedConfig& v) {
     o.update({{"enable", v.enable}, {"localEnable", v.localEnable}});

@@ -30,8 +30,8 @@ int asServiceUid(uint32_t uid) {
 
 Output block(uint32_t uid, bool blocked) {
     requireMaps({needs(maps::kAppNetDisconnLimit, Access::kReadWrite)});
-    const int status = blocked ? bpfDisableNetwork(asServiceUid(uid))
-                               : bpfEnableNetwork(asServiceUid(uid));
+    const int status =
+            blocked ? bpfDisableNetwork(asServiceUid(uid)) : bpfEnableNetwork(asServiceUid(uid));
     return change(status, (blocked ? "block UID " : "unblock UID ") + std::to_string(uid),
                   {{"uid", uid}, {"action", blocked ? "block" : "unblock"}});
 }
@@ -49,7 +49,8 @@ Output list() {
     requireMaps({needs(maps::kAppNetDisconnLimit, Access::kReadOnly),
                  needs(maps::kAppVuskLimit, Access::kReadOnly)});
     std::map<uint32_t, std::pair<Json, Json>> byUid;
-    for (const auto& [uid, value] : readEntries(maps::kAppNetDisconnLimit)) byUid[uid].first = value;
+    for (const auto& [uid, value] : readEntries(maps::kAppNetDisconnLimit))
+        byUid[uid].first = value;
     for (const auto& [uid, value] : readEntries(maps::kAppVuskLimit)) byUid[uid].second = value;
     Rows rows{{"uid", "disconnected", "legacyBlocked"}, {}};
     for (const auto& [uid, values] : byUid) {
@@ -65,7 +66,8 @@ void addNetCommands(CLI::App& app, Context& ctx) {
     CLI::App* net = app.add_subcommand("net", "Per-app network blocking")->require_subcommand(1);
 
     CLI::App* listCommand = net->add_subcommand(
-            "list", "The UIDs with an entry in the disconnect map or the legacy map, and its value");
+            "list",
+            "The UIDs with an entry in the disconnect map or the legacy map, and its value");
     onShow(listCommand, ctx, list);
 
     CLI::App* blockCommand = net->add_subcommand("block", "Cut the app off the network");
