@@ -16,9 +16,10 @@ void registerServiceBenchmarks();
 }  // namespace kovra::bench
 
 int main(int argc, char** argv) {
-    const std::string problem = kovra::sandbox::enterPrivateBpffs();
-    if (!problem.empty()) {
-        fprintf(stderr, "benchmarks cannot run: %s\n", problem.c_str());
+    try {
+        kovra::sandbox::enterPrivateBpffs();
+    } catch (const kovra::sandbox::Error& problem) {
+        fprintf(stderr, "benchmarks cannot run: %s\n", problem.what());
         const char* ci = getenv("CI");
         return ci != nullptr && strcmp(ci, "true") == 0 ? 1 : 77;
     }

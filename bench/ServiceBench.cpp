@@ -43,7 +43,7 @@ class Stage {
     template <typename K, typename V>
     const RawMap& put(const PinnedMap<K, V>& map, int64_t n,
                       V (*make)(const K&) = derivedFrom<K, V>) {
-        saved_.emplace_back(map.path, RawMap::open(map.path));
+        saved_.emplace_back(map.path, RawMap::find(map.path, sandbox::Access::kReadWrite));
         const RawMap& made = made_.emplace_back(map.path, sizeof(K), sizeof(V), n + 16);
         if (n > 0) fill(made, n, make);
         return made;
@@ -51,7 +51,8 @@ class Stage {
     // Also writes `key` -> `value` into the map.
     template <typename K, typename V>
     void put(const PinnedMap<K, V>& map, int64_t n, const K& key, const V& value) {
-        if (bpf_map_update_elem(put(map, n).fd(), &key, &value, BPF_ANY) != 0) abort();
+        put(map, n);
+        sandbox::openMap(map).put(key, value);
     }
 
   private:
@@ -62,11 +63,8 @@ class Stage {
 // A speed record on kIfindex, updated in both directions when the map is seeded.
 template <typename K>
 SpeedsValue fresh(const K& key) {
-    timespec now;
-    clock_gettime(CLOCK_MONOTONIC, &now);
-    SpeedsValue value = derivedFrom<K, SpeedsValue>(key);
+    SpeedsValue value = freshSpeeds(key);
     value.ifindex = kIfindex;
-    value.firstStamp = value.secondStamp = now.tv_sec * 1000000000ull + now.tv_nsec;
     return value;
 }
 
@@ -122,7 +120,8 @@ std::vector<Service> services() {
                  AppFreezeConfig next{++round, 2, 3};
                  bpfSetAppFreezeConfig(next);
              }},
-            {"bpfAddAppImHbLenMap", [](Stage& stage, int64_t n) { stage.put(maps::kImAppHbLen, n); },
+            {"bpfAddAppImHbLenMap",
+             [](Stage& stage, int64_t n) { stage.put(maps::kImAppHbLen, n); },
              [] { bpfAddAppImHbLenMap(10007, 300); }},
             // A zero state writes its two entries and clears the heartbeat lengths.
             {"bpfUpdateScreenStateMap(0)",

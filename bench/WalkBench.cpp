@@ -102,16 +102,6 @@ using UidTotals = std::unordered_map<int64_t, KovraStatsValue>;
 // Longer than any benchmark runs: no speed record goes stale and none is pruned.
 constexpr uint32_t kNeverStaleMs = UINT32_MAX;
 
-// A speed record updated in both directions when the map is seeded.
-template <typename K>
-SpeedsValue freshSpeeds(const K& key) {
-    timespec now;
-    clock_gettime(CLOCK_MONOTONIC, &now);
-    SpeedsValue value = derivedFrom<K, SpeedsValue>(key);
-    value.firstStamp = value.secondStamp = now.tv_sec * 1000000000ull + now.tv_nsec;
-    return value;
-}
-
 using SocketSpeeds = std::unordered_map<uint64_t, SpeedsValue>;
 using UidSpeeds = std::unordered_map<uint64_t, IfaceSpeedsValue>;
 

@@ -2,6 +2,7 @@
 // by the kernel side; no entry means not blocked. These services report through their status
 // alone and log nothing.
 #include <kovrabpf/KovraBpfNetworkStats.h>
+#include <kovrabpf/KovraKernelContract.h>
 #include <kovrabpf/KovraPinnedMaps.h>
 
 #include "ServiceSupport.h"
@@ -12,7 +13,7 @@ namespace {
 
 using LimitMap = BpfMap<uint32_t, uint32_t>;
 
-constexpr uint32_t kBlocked = 1;
+constexpr uint32_t kBlocked = KOVRA_BLOCKED;
 constexpr int kRuleAllow = 1;
 
 // Callers hand UIDs over as int; the maps are keyed by the same 32 bits read as unsigned, with

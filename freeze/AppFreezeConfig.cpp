@@ -2,6 +2,7 @@
 #include <string.h>
 
 #include <kovrabpf/KovraBpfNetworkStats.h>
+#include <kovrabpf/KovraKernelContract.h>
 #include <kovrabpf/KovraPinnedMaps.h>
 
 #include "ServiceSupport.h"
@@ -11,7 +12,7 @@ namespace android::bpf {
 namespace {
 
 // The kernel side reads its settings from key 1, not 0.
-constexpr uint32_t kConfigKey = 1;
+constexpr uint32_t kConfigKey = KOVRA_FREEZE_CONFIG_KEY;
 
 // The last configuration this process wrote successfully; all zero until then, so a first
 // request for three zeros writes nothing. It knows nothing of writes by other processes: setting

@@ -21,17 +21,18 @@
 #include <unordered_set>
 
 #include <fuzzer/FuzzedDataProvider.h>
-#include <kovrabpf/KovraPinnedMaps.h>
+#include <kovrabpf/KovraBpfNetworkStats.h>
 #include <kovrasandbox/Bpffs.h>
+#include <kovrasandbox/Clock.h>
 #include <kovrasandbox/Maps.h>
-#include <kovrasandbox/Seed.h>
 
 using namespace android::bpf;
 namespace sandbox = kovra::sandbox;
 
 namespace {
 
-// A broken check ends the process, which libFuzzer reports with the input that did it.
+// A broken check ends the process, which libFuzzer reports with the input that did it; so does
+// a write to a map that fails (sandbox::Error).
 void require(bool holds, const char* what) {
     if (holds) return;
     fprintf(stderr, "broken: %s\n", what);
@@ -91,7 +92,7 @@ class FuzzedMap {
         for (uint32_t i = 0; i < count; ++i) {
             const K key = drawKey(input);
             const V value = drawValue(input);
-            require(mMap.put(key, value), "writing a drawn entry");
+            mMap.put(key, value);
             mWritten[widen(key)] = value;
         }
     }
@@ -122,7 +123,6 @@ Table callersTable(FuzzedDataProvider& input, const std::unordered_map<uint64_t,
     return table;
 }
 
-
 // The maps a non-zero screen state may reset, by the overflow flag that names them.
 struct Resettable {
     uint32_t bit;
@@ -141,7 +141,7 @@ void fuzzScreenOn(FuzzedDataProvider& input, FuzzedMap<uint32_t, uint32_t>& chec
     for (const Resettable& r : resettable) {
         if (input.ConsumeBool()) {
             const uint32_t flag = input.ConsumeIntegralInRange<uint32_t>(0, 2);
-            require(check.map().put(r.bit, flag), "writing a flag");
+            check.map().put(r.bit, flag);
         }
     }
     std::vector<std::pair<std::optional<uint32_t>, size_t>> before;
@@ -301,8 +301,8 @@ void speeds(FuzzedDataProvider& input) {
     fuzzSocketSpeeds(input, speedMaps);
 }
 
-const std::pair<const char*, void (*)(FuzzedDataProvider&)> kFamilies[] = {
-        {"wakeup", wakeup}, {"speeds", speeds}};
+const std::pair<const char*, void (*)(FuzzedDataProvider&)> kFamilies[] = {{"wakeup", wakeup},
+                                                                           {"speeds", speeds}};
 void (*family)(FuzzedDataProvider&) = nullptr;
 
 }  // namespace
@@ -314,13 +314,15 @@ extern "C" int LLVMFuzzerInitialize(int*, char***) {
         if (name != nullptr && strcmp(name, known) == 0) family = run;
     }
     if (family == nullptr) {
-        fprintf(stderr, "fuzzing cannot run: KOVRA_FUZZ_FAMILY must name a family "
-                        "(wakeup or speeds)\n");
+        fprintf(stderr,
+                "fuzzing cannot run: KOVRA_FUZZ_FAMILY must name a family "
+                "(wakeup or speeds)\n");
         exit(1);
     }
-    const std::string problem = sandbox::enterPrivateBpffs();
-    if (!problem.empty()) {
-        fprintf(stderr, "fuzzing cannot run: %s\n", problem.c_str());
+    try {
+        sandbox::enterPrivateBpffs();
+    } catch (const sandbox::Error& problem) {
+        fprintf(stderr, "fuzzing cannot run: %s\n", problem.what());
         exit(1);
     }
     return 0;

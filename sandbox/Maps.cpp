@@ -1,6 +1,7 @@
 #include "kovrasandbox/Maps.h"
 
 #include <bpf/bpf.h>
+#include <bpf/libbpf.h>
 #include <errno.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -20,74 +21,103 @@ void makeParentFolders(const char* path) {
     }
 }
 
+int openPin(const char* path, Access access) {
+    LIBBPF_OPTS(bpf_obj_get_opts, opts,
+                .file_flags = access == Access::kReadOnly ? uint32_t{BPF_F_RDONLY} : 0u);
+    return bpf_obj_get_opts(path, &opts);
+}
+
 }  // namespace
 
-void fail(const std::string& what, const char* path) {
-    throw Error(what + " " + path + ": " + strerror(errno));
+void fail(const std::string& what, const std::string& where) {
+    const int err = errno;
+    throw Error(what + " " + where + ": " + strerror(err), err);
+}
+
+std::string mapTypeName(uint32_t type) {
+    const char* name = libbpf_bpf_map_type_str(static_cast<bpf_map_type>(type));
+    return name != nullptr ? name : "type " + std::to_string(type);
 }
 
 RawMap::RawMap(const char* path, uint32_t keySize, uint32_t valueSize, uint32_t maxEntries,
-               uint32_t mapFlags) {
+               uint32_t mapFlags, bpf_map_type type)
+    : mPath(path) {
     LIBBPF_OPTS(bpf_map_create_opts, opts, .map_flags = mapFlags);
-    mFd = bpf_map_create(BPF_MAP_TYPE_HASH, nullptr, keySize, valueSize, maxEntries, &opts);
-    if (mFd < 0) fail("creating the map for", path);
+    mFd = bpf_map_create(type, nullptr, keySize, valueSize, maxEntries, &opts);
+    if (mFd < 0) sandbox::fail("creating the map for", path);
     makeParentFolders(path);
     unlink(path);
     if (bpf_obj_pin(mFd, path) != 0) {
         const int err = errno;
         close(mFd);
         errno = err;
-        fail("pinning", path);
+        sandbox::fail("pinning", path);
     }
 }
 
-std::optional<RawMap> RawMap::open(const char* path, bool readOnly) {
-    LIBBPF_OPTS(bpf_obj_get_opts, opts, .file_flags = readOnly ? uint32_t{BPF_F_RDONLY} : 0u);
-    const int fd = bpf_obj_get_opts(path, &opts);
-    if (fd < 0) return std::nullopt;
-    return RawMap(fd);
+RawMap RawMap::open(const char* path, Access access) {
+    const int fd = openPin(path, access);
+    if (fd < 0) sandbox::fail("opening", path);
+    return RawMap(fd, path);
+}
+
+std::optional<RawMap> RawMap::find(const char* path, Access access) {
+    const int fd = openPin(path, access);
+    if (fd < 0 && errno == ENOENT) return std::nullopt;
+    if (fd < 0) sandbox::fail("opening", path);
+    return RawMap(fd, path);
+}
+
+void RawMap::fail(const char* what) const {
+    sandbox::fail(what, mPath);
 }
 
 RawMap::~RawMap() {
     if (mFd >= 0) close(mFd);
 }
 
-MapShape RawMap::shape() const {
+MapInfo RawMap::info() const {
     bpf_map_info info{};
     uint32_t size = sizeof(info);
-    if (bpf_obj_get_info_by_fd(mFd, &info, &size) != 0) return {};
-    return {info.type, info.key_size, info.value_size, info.max_entries, info.map_flags};
-}
-
-uint32_t RawMap::id() const {
-    bpf_map_info info{};
-    uint32_t size = sizeof(info);
-    if (bpf_obj_get_info_by_fd(mFd, &info, &size) != 0) {
-        throw Error(std::string("reading a map's id: ") + strerror(errno));
-    }
-    return info.id;
-}
-
-bool RawMap::putRaw(const void* key, const void* value, uint64_t flags) const {
-    return bpf_map_update_elem(mFd, key, value, flags) == 0;
+    if (bpf_obj_get_info_by_fd(mFd, &info, &size) != 0) fail("describing");
+    return {info.id, info.type, info.key_size, info.value_size, info.max_entries, info.map_flags};
 }
 
 bool RawMap::getRaw(const void* key, void* value) const {
-    return bpf_map_lookup_elem(mFd, key, value) == 0;
+    if (bpf_map_lookup_elem(mFd, key, value) == 0) return true;
+    if (errno != ENOENT) fail("reading an entry of");
+    return false;
+}
+
+void RawMap::putRaw(const void* key, const void* value, uint64_t flags) const {
+    if (bpf_map_update_elem(mFd, key, value, flags) != 0) fail("writing an entry of");
 }
 
 bool RawMap::eraseRaw(const void* key) const {
-    return bpf_map_delete_elem(mFd, key) == 0;
+    if (bpf_map_delete_elem(mFd, key) == 0) return true;
+    if (errno != ENOENT) fail("deleting an entry of");
+    return false;
 }
 
-std::vector<std::vector<uint8_t>> RawMap::rawKeys(uint32_t keySize) const {
-    std::vector<std::vector<uint8_t>> keys;
-    std::vector<uint8_t> next(keySize);
+std::vector<Bytes> RawMap::rawKeys(uint32_t keySize) const {
+    std::vector<Bytes> keys;
+    Bytes next(keySize);
     while (bpf_map_get_next_key(mFd, keys.empty() ? nullptr : keys.back().data(), next.data()) ==
            0) {
         keys.push_back(next);
     }
+    if (errno != ENOENT) fail("walking the keys of");
     return keys;
+}
+
+std::vector<std::pair<Bytes, Bytes>> RawMap::rawEntries() const {
+    const MapInfo shape = info();
+    std::vector<std::pair<Bytes, Bytes>> entries;
+    for (Bytes& key : rawKeys(shape.keySize)) {
+        Bytes value(shape.valueSize);
+        if (getRaw(key.data(), value.data())) entries.emplace_back(std::move(key), value);
+    }
+    return entries;
 }
 
 void createCatalogueMaps(uint32_t maxEntries) {

@@ -1,9 +1,11 @@
 #include "kovrasandbox/Seed.h"
 
 #include <arpa/inet.h>
-#include <time.h>
 
+#include <tuple>
 #include <vector>
+
+#include <kovrabpf/KovraKernelContract.h>
 
 #include "kovrasandbox/Maps.h"
 
@@ -29,20 +31,6 @@ uint64_t ago(uint64_t nowNs, uint64_t ageMs) {
     return nowNs > age ? nowNs - age : 1;
 }
 
-// A catalogue map the seeding writes; a write that fails ends the seeding.
-template <typename K, typename V>
-class Seeded {
-  public:
-    explicit Seeded(const PinnedMap<K, V>& map) : mPath(map.path), mMap(openMap(map)) {}
-    void put(const K& key, const V& value) const {
-        if (!mMap.put(key, value)) fail("writing", mPath);
-    }
-
-  private:
-    const char* mPath;
-    TypedMap<K, V> mMap;
-};
-
 // ---- Per-UID traffic: system UIDs and 300 apps. ----
 
 std::vector<uint32_t> trafficUids() {
@@ -60,8 +48,8 @@ StatsValue trafficOf(uint32_t uid) {
 }
 
 void seedTraffic() {
-    Seeded netd(maps::kNetdAppUidStats);
-    Seeded vendor(maps::kUidPurStats);
+    const auto netd = openMap(maps::kNetdAppUidStats);
+    const auto vendor = openMap(maps::kUidPurStats);
     for (uint32_t uid : trafficUids()) {
         const StatsValue s = trafficOf(uid);
         netd.put(uid, s);
@@ -77,17 +65,17 @@ void seedTraffic() {
 // ---- Freeze accounting: records of frozen apps, and the settings. ----
 
 void seedFreeze(uint64_t nowNs) {
-    Seeded syns(maps::kAppFreezeSyn);
+    const auto syns = openMap(maps::kAppFreezeSyn);
     for (uint64_t i = 0; i < 6; ++i) {
         const uint64_t key = (uint64_t{10040} + 7 * i) << 32 | (i % 2 ? 5228 : 443);
         syns.put(key, {{3 + i, ago(nowNs, 1000 * (i + 1))}});
     }
-    Seeded stats(maps::kAppFreezeStats);
+    const auto stats = openMap(maps::kAppFreezeStats);
     for (uint64_t uid : {10052u, 10061u, 10075u, 10088u}) {
         const uint64_t h = mix(uid);
         stats.put(uid, {{h % 90000, (h >> 20) % 40000, h % 90, (h >> 40) % 60, (h >> 8) % 7}});
     }
-    Seeded(maps::kAppFreezeConfig).put(1, {1, 30, 600});
+    openMap(maps::kAppFreezeConfig).put(KOVRA_FREEZE_CONFIG_KEY, {1, 30, 600});
 }
 
 // ---- Speeds: sockets and (UID, interface) pairs, fresh and stale. ----
@@ -156,20 +144,20 @@ SocketTuple socketInfo(const DemoSocket& s) {
 }
 
 void seedSpeeds(uint64_t nowNs) {
-    Seeded measured(maps::kAppSocketSpeedsIfindex);
+    const auto measured = openMap(maps::kAppSocketSpeedsIfindex);
     measured.put(kLoopback, {1, 1});
     measured.put(kWifi, {1, 0});
     measured.put(kCellular, {1, 0});
-    Seeded(maps::kAppSocketSpeedsConfig).put(0, 3);
+    openMap(maps::kAppSocketSpeedsConfig).put(KOVRA_SPEEDS_CONFIG_KEY, 3);
 
-    Seeded sockets(maps::kAppSocketSpeeds);
-    Seeded info(maps::kAppSocketInfo);
+    const auto sockets = openMap(maps::kAppSocketSpeeds);
+    const auto info = openMap(maps::kAppSocketInfo);
     for (const DemoSocket& s : kSockets) {
         sockets.put(s.cookie, speedRecord(s.uid, s.ifindex, s.firstSpeed, ago(nowNs, s.firstAgeMs),
                                           s.secondSpeed, ago(nowNs, s.secondAgeMs)));
         info.put(s.cookie, socketInfo(s));
     }
-    Seeded pairs(maps::kAppUidSpeeds);
+    const auto pairs = openMap(maps::kAppUidSpeeds);
     for (const DemoPair& p : kPairs) {
         pairs.put({p.uid, p.ifindex},
                   speedRecord(0, p.ifindex, p.firstSpeed, ago(nowNs, p.firstAgeMs), p.secondSpeed,
@@ -181,7 +169,7 @@ void seedSpeeds(uint64_t nowNs) {
 
 template <typename V>
 void seedCounters(const PinnedMap<uint32_t, V>& map, uint64_t salt) {
-    Seeded counters(map);
+    const auto counters = openMap(map);
     for (uint32_t i = 0; i < 20; ++i) {
         const uint32_t uid = 10000 + (salt * 37 + i * 13) % 300;
         counters.put(uid, static_cast<V>(1 + mix(uid * 16 + salt) % 400));
@@ -190,50 +178,49 @@ void seedCounters(const PinnedMap<uint32_t, V>& map, uint64_t salt) {
 
 template <typename V>
 void seedSequences(const PinnedMap<uint64_t, V>& map, uint64_t salt) {
-    Seeded sequences(map);
+    const auto sequences = openMap(map);
     for (uint64_t cookie = 40961; cookie < 40993; ++cookie) {
         sequences.put(cookie, static_cast<V>(mix(cookie + salt)));
     }
 }
 
 void seedWakeup(uint64_t nowNs) {
-    seedCounters(maps::kAppTcpFinDrop, 0);
-    seedCounters(maps::kAppTcpInwakeup, 1);
-    seedCounters(maps::kAppTcpOutwakeup, 2);
-    seedCounters(maps::kAppTcpWakeupduration, 3);
-    seedCounters(maps::kAppTcpOutImHb, 4);
-    seedCounters(maps::kAppTcpOutAlign, 5);
-    seedCounters(maps::kAppTcpInKeepAlive, 6);
-    seedCounters(maps::kAppTcpReinwakeup, 7);
-    seedCounters(maps::kAppTcpReoutwakeup, 8);
-    seedSequences(maps::kSkTcpCookieInSeq, 1);
-    seedSequences(maps::kSkTcpCookieOutSeq, 2);
-    seedSequences(maps::kSkTcpCookieOutAck, 3);
+    // Each map's numbers are salted by its place in these lists, so that no two maps agree.
+    uint64_t salt = 0;
+    std::apply([&](const auto*... map) { (seedCounters(*map, salt++), ...); },
+               std::tuple{&maps::kAppTcpFinDrop, &maps::kAppTcpInwakeup, &maps::kAppTcpOutwakeup,
+                          &maps::kAppTcpWakeupduration, &maps::kAppTcpOutImHb,
+                          &maps::kAppTcpOutAlign, &maps::kAppTcpInKeepAlive,
+                          &maps::kAppTcpReinwakeup, &maps::kAppTcpReoutwakeup});
+    salt = 1;
+    std::apply([&](const auto*... map) { (seedSequences(*map, salt++), ...); },
+               std::tuple{&maps::kSkTcpCookieInSeq, &maps::kSkTcpCookieOutSeq,
+                          &maps::kSkTcpCookieOutAck});
 
-    Seeded heartbeats(maps::kImAppHbLen);
+    const auto heartbeats = openMap(maps::kImAppHbLen);
     heartbeats.put(10010, 300);
     heartbeats.put(10020, 270);
     heartbeats.put(10031, 600);
 
     // The screen went on an hour ago.
-    Seeded screen(maps::kScreenState);
-    screen.put(1, 2);
-    screen.put(3, ago(nowNs, 3600 * 1000));
+    const auto screen = openMap(maps::kScreenState);
+    screen.put(KOVRA_SCREEN_CODE_KEY, KOVRA_SCREEN_ON);
+    screen.put(KOVRA_SCREEN_ON_STAMP_KEY, ago(nowNs, 3600 * 1000));
 
-    // The kernel side found the inbound sequence map (1) and the inbound wake-up map (8)
-    // overflowing. Value 2 and key 64 mean nothing to the library and stay as they are.
-    Seeded overflow(maps::kOverflowingMapCheck);
-    overflow.put(1, 1);
-    overflow.put(8, 1);
-    overflow.put(2, 2);
-    overflow.put(64, 1);
+    // The kernel side found the inbound sequence map and the inbound wake-up map overflowing.
+    // Value 2 and key 64 mean nothing to the library and stay as they are.
+    const auto overflow = openMap(maps::kOverflowingMapCheck);
+    overflow.put(KOVRA_OVERFLOW_IN_SEQ, KOVRA_OVERFLOWING);
+    overflow.put(KOVRA_OVERFLOW_INWAKEUP, KOVRA_OVERFLOWING);
+    overflow.put(KOVRA_OVERFLOW_OUT_SEQ, 2);
+    overflow.put(64, KOVRA_OVERFLOWING);
 }
 
 // ---- Blocking: one app cut off by each switch. ----
 
 void seedFirewall() {
-    Seeded(maps::kAppNetDisconnLimit).put(10066, 1);
-    Seeded(maps::kAppVuskLimit).put(10077, 1);
+    openMap(maps::kAppNetDisconnLimit).put(10066, 1);
+    openMap(maps::kAppVuskLimit).put(10077, 1);
 }
 
 }  // namespace
@@ -244,12 +231,6 @@ void seedDemo(uint64_t nowNs) {
     seedSpeeds(nowNs);
     seedWakeup(nowNs);
     seedFirewall();
-}
-
-uint64_t monotonicNowNs() {
-    timespec now{};
-    clock_gettime(CLOCK_MONOTONIC, &now);
-    return static_cast<uint64_t>(now.tv_sec) * 1000000000ull + static_cast<uint64_t>(now.tv_nsec);
 }
 
 }  // namespace kovra::sandbox

@@ -3,6 +3,7 @@
 #include <string.h>
 
 #include <kovrabpf/KovraBpfNetworkStats.h>
+#include <kovrabpf/KovraKernelContract.h>
 #include <kovrabpf/KovraPinnedMaps.h>
 
 #include "ServiceSupport.h"
@@ -63,7 +64,7 @@ int bpfUpdateAppSocketSpeedsConfig(uint32_t config) {
     }
     // The word lives under key 0. A rejected write is deliberately ignored: no log line, and
     // the call still returns 0.
-    (void)map.writeValue(0, config, BPF_ANY);
+    (void)map.writeValue(KOVRA_SPEEDS_CONFIG_KEY, config, BPF_ANY);
     return 0;
 }
 

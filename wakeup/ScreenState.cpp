@@ -4,6 +4,7 @@
 #include <android/log.h>
 
 #include <kovrabpf/KovraBpfNetworkStats.h>
+#include <kovrabpf/KovraKernelContract.h>
 #include <kovrabpf/KovraPinnedMaps.h>
 
 #include "ServiceSupport.h"
@@ -12,21 +13,19 @@ namespace android::bpf {
 
 namespace {
 
-// The screen state map holds the current state code under key 1, and the stamp of the latest
-// change to each state under the key after that state's code.
-constexpr uint32_t kStateCodeKey = 1;
+constexpr uint32_t kStateCodeKey = KOVRA_SCREEN_CODE_KEY;
 
 struct ScreenState {
     uint64_t code;
     uint32_t stampKey;
 };
-constexpr ScreenState kScreenZero{1, 2};
-constexpr ScreenState kScreenNonZero{2, 3};
+constexpr ScreenState kScreenZero{KOVRA_SCREEN_OFF, KOVRA_SCREEN_OFF_STAMP_KEY};
+constexpr ScreenState kScreenNonZero{KOVRA_SCREEN_ON, KOVRA_SCREEN_ON_STAMP_KEY};
 
 // The check map's value for a map the kernel side has found overflowing; we write 0 once it is
 // reset. Any other value is the kernel side's business and is left alone.
-constexpr uint32_t kOverflowing = 1;
-constexpr uint32_t kReset = 0;
+constexpr uint32_t kOverflowing = KOVRA_OVERFLOWING;
+constexpr uint32_t kReset = KOVRA_OVERFLOW_RESET;
 
 // Empties a map if it could be opened; a map that cannot be cleared is not worth failing the
 // screen-state change for, so the outcome is dropped (clear logs a real delete failure itself).
@@ -43,12 +42,12 @@ struct OverflowCheck {
     void (*reset)();
 };
 constexpr OverflowCheck kOverflowChecks[] = {
-        {1, clearIfOpened<maps::kSkTcpCookieInSeq>},
-        {2, clearIfOpened<maps::kSkTcpCookieOutSeq>},
-        {4, clearIfOpened<maps::kSkTcpCookieOutAck>},
-        {8, clearIfOpened<maps::kAppTcpInwakeup>},
-        {16, clearIfOpened<maps::kAppTcpOutwakeup>},
-        {32, clearIfOpened<maps::kAppTcpWakeupduration>},
+        {KOVRA_OVERFLOW_IN_SEQ, clearIfOpened<maps::kSkTcpCookieInSeq>},
+        {KOVRA_OVERFLOW_OUT_SEQ, clearIfOpened<maps::kSkTcpCookieOutSeq>},
+        {KOVRA_OVERFLOW_OUT_ACK, clearIfOpened<maps::kSkTcpCookieOutAck>},
+        {KOVRA_OVERFLOW_INWAKEUP, clearIfOpened<maps::kAppTcpInwakeup>},
+        {KOVRA_OVERFLOW_OUTWAKEUP, clearIfOpened<maps::kAppTcpOutwakeup>},
+        {KOVRA_OVERFLOW_WAKEUPDURATION, clearIfOpened<maps::kAppTcpWakeupduration>},
 };
 
 // Reading a flag and writing 0 back is not atomic: a flag the kernel side raises again while its

@@ -1,4 +1,4 @@
-#include "Live.h"
+#include <kovralive/Live.h>
 
 #include <dirent.h>
 #include <errno.h>
@@ -11,7 +11,6 @@
 #include <string.h>
 #include <sys/file.h>
 #include <sys/mount.h>
-#include <sys/prctl.h>
 #include <sys/stat.h>
 #include <sys/statfs.h>
 #include <sys/utsname.h>
@@ -27,6 +26,7 @@
 #include <bpf/libbpf.h>
 
 #include <kovrabpf/KovraPinnedMaps.h>
+#include <kovrasandbox/Maps.h>
 
 #include "Objects.h"
 
@@ -49,20 +49,10 @@ int collectLibbpfLog(libbpf_print_level level, const char* format, va_list args)
     return n;
 }
 
-// A catalogue map's short name, as the programs name their maps: the last path component
-// without its "map_kovra-netd_" or "map_netd_" prefix and its "_map" suffix.
-std::string_view shortName(std::string_view path) {
-    path.remove_prefix(path.rfind('/') + 1);
-    for (std::string_view prefix : {"map_kovra-netd_", "map_netd_"}) {
-        if (path.substr(0, prefix.size()) == prefix) path.remove_prefix(prefix.size());
-    }
-    if (path.size() > 4 && path.substr(path.size() - 4) == "_map") path.remove_suffix(4);
-    return path;
-}
-
+// The programs name their maps by the catalogue's short names.
 const char* cataloguePath(std::string_view mapName) {
     for (const android::bpf::PinnedMapInfo& row : android::bpf::kPinnedMaps) {
-        if (shortName(row.path) == mapName) return row.path;
+        if (row.name == mapName) return row.path;
     }
     return nullptr;
 }
@@ -108,7 +98,8 @@ struct LiveSide::Loaded {
                 const int fd = bpf_obj_get(path);
                 if (fd < 0) {
                     throw LiveError(errnoText(std::string("the live side needs every catalogue "
-                                                          "map pinned; opening ") + path));
+                                                          "map pinned; opening ") +
+                                              path));
                 }
                 const int err = bpf_map__reuse_fd(map, fd);
                 close(fd);
@@ -116,7 +107,7 @@ struct LiveSide::Loaded {
                     errno = -err;
                     throw LiveError(errnoText(std::string("reusing ") + path));
                 }
-            } else if (std::string_view(name) == "desk_frozen_uids") {
+            } else if (std::string_view(name) == kFrozenUids.name) {
                 makeFolder(kFrozenUidsPath);
                 bpf_map__set_pin_path(map, kFrozenUidsPath);
             }
@@ -230,11 +221,6 @@ std::string sweepLeftovers(const std::string& cgroupRoot) {
     if (cgroups + folders == 0) return "";
     return "removed " + std::to_string(cgroups) + " empty cgroup(s) and " +
            std::to_string(folders) + " folder(s) left by killed live sandboxes";
-}
-
-void dieWithParent(pid_t parent) {
-    prctl(PR_SET_PDEATHSIG, SIGKILL);
-    if (getppid() != parent) _exit(1);
 }
 
 LiveSide::LiveSide() {
@@ -365,27 +351,14 @@ void LiveSide::tearDown() {
     mMount.clear();
 }
 
-size_t LiveSide::programs() const {
-    return mLoaded ? mLoaded->links.size() : 0;
-}
-
 void joinCgroup(const std::string& cgroup) {
     writeFile(cgroup + "/cgroup.procs", "0");
 }
 
 void setFrozen(uint32_t uid, bool frozen) {
-    const int fd = bpf_obj_get(kFrozenUidsPath);
-    if (fd < 0) throw LiveError(errnoText(std::string("opening ") + kFrozenUidsPath));
-    const uint32_t one = 1;
-    const int err = frozen ? bpf_map_update_elem(fd, &uid, &one, BPF_ANY)
-                           : bpf_map_delete_elem(fd, &uid);
-    const int saved = errno;
-    close(fd);
-    errno = saved;
+    const auto map = sandbox::openMap(kFrozenUids);
     // Thawing a UID that is not frozen is no mistake.
-    if (err != 0 && !(!frozen && errno == ENOENT)) {
-        throw LiveError(errnoText("writing " + std::string(kFrozenUidsPath)));
-    }
+    frozen ? map.put(uid, 1) : (void)map.erase(uid);
 }
 
 }  // namespace kovra::live

@@ -1,6 +1,4 @@
-#include <errno.h>
 #include <fcntl.h>
-#include <unistd.h>
 
 #include <set>
 
@@ -9,17 +7,10 @@
 namespace kovra::test {
 namespace {
 
-using android::base::Result;
-using android::bpf::BpfMap;
-using android::bpf::BpfMapRO;
-using android::bpf::PinnedMap;
-
-constexpr PinnedMap<uint32_t, uint64_t> kMap{"/sys/fs/bpf/map_test_u32_u64_map"};
-
 class BpfMapTest : public KernelTest {};
 
 void fill(const TypedMap<uint32_t, uint64_t>& map, uint32_t n) {
-    for (uint32_t k = 1; k <= n; ++k) ASSERT_TRUE(map.put(k, k * 10ull));
+    for (uint32_t k = 1; k <= n; ++k) map.put(k, k * 10ull);
 }
 
 // Every failure is the operation's own message with the kernel's errno.
@@ -31,9 +22,9 @@ void expectError(const Result<T>& result, const char* message, int err) {
 }
 
 TEST_F(BpfMapTest, SingleOperationsReportMessageAndErrno) {
-    TypedMap map(kMap);
-    ASSERT_TRUE(map.put(7, 70));
-    BpfMap<uint32_t, uint64_t> handle(kMap);
+    TypedMap map(kTestMap);
+    map.put(7, 70);
+    BpfMap<uint32_t, uint64_t> handle(kTestMap);
     EXPECT_EQ(70u, handle.readValue(7).value());
     expectError(handle.readValue(8), "BpfMap::readValue() failed", ENOENT);
     EXPECT_EQ(7u, handle.getFirstKey().value());
@@ -48,8 +39,8 @@ TEST_F(BpfMapTest, SingleOperationsReportMessageAndErrno) {
 }
 
 TEST_F(BpfMapTest, WalkVisitsEveryEntryAndToleratesDeletingTheCurrentOne) {
-    TypedMap map(kMap);
-    BpfMap<uint32_t, uint64_t> handle(kMap);
+    TypedMap map(kTestMap);
+    BpfMap<uint32_t, uint64_t> handle(kTestMap);
     int calls = 0;
     auto count = [&](const uint32_t&, const uint64_t&, const BpfMapRO<uint32_t, uint64_t>&) {
         ++calls;
@@ -73,9 +64,9 @@ TEST_F(BpfMapTest, WalkVisitsEveryEntryAndToleratesDeletingTheCurrentOne) {
 }
 
 TEST_F(BpfMapTest, WalkStopsAtTheFirstFailingStepOrCallback) {
-    TypedMap map(kMap);
+    TypedMap map(kTestMap);
     fill(map, 5);
-    const BpfMapRO<uint32_t, uint64_t> handle(kMap);
+    const BpfMapRO<uint32_t, uint64_t> handle(kTestMap);
     int calls = 0;
     auto count = [&](const uint32_t&, const uint64_t&, const BpfMapRO<uint32_t, uint64_t>&) {
         ++calls;
@@ -101,10 +92,10 @@ TEST_F(BpfMapTest, WalkStopsAtTheFirstFailingStepOrCallback) {
 }
 
 TEST_F(BpfMapTest, EntryDeletedBehindTheWalkEndsItWithReadValueEnoent) {
-    TypedMap map(kMap);
+    TypedMap map(kTestMap);
     fill(map, 3);
     const auto order = map.keys();
-    const BpfMapRO<uint32_t, uint64_t> handle(kMap);
+    const BpfMapRO<uint32_t, uint64_t> handle(kTestMap);
     // Someone else deletes the entry the walk is about to read.
     auto result = handle.iterateWithValue([&](const uint32_t& key, const uint64_t&, const auto&) {
         if (key == order[0]) map.erase(order[1]);
@@ -114,9 +105,9 @@ TEST_F(BpfMapTest, EntryDeletedBehindTheWalkEndsItWithReadValueEnoent) {
 }
 
 TEST_F(BpfMapTest, ClearEmptiesTheMapAndLogsOnlyRealDeleteFailures) {
-    TypedMap map(kMap, 2048);
+    TypedMap map(kTestMap, 2048);
     fill(map, 1000);
-    BpfMap<uint32_t, uint64_t> handle(kMap);
+    BpfMap<uint32_t, uint64_t> handle(kTestMap);
     // A key deleted by someone else (ENOENT) is no failure: clear goes on.
     failBpfCommand(BPF_MAP_DELETE_ELEM, 5, ENOENT);
     ASSERT_TRUE(handle.clear().ok());
@@ -138,11 +129,11 @@ TEST_F(BpfMapTest, ClearEmptiesTheMapAndLogsOnlyRealDeleteFailures) {
 }
 
 TEST_F(BpfMapTest, HandleClosesItsDescriptorAndKeepsErrno) {
-    TypedMap map(kMap);
+    TypedMap map(kTestMap);
     const int before = openFdCount();
     {
-        BpfMap<uint32_t, uint64_t> rw(kMap);
-        const BpfMapRO<uint32_t, uint64_t> ro(kMap);
+        BpfMap<uint32_t, uint64_t> rw(kTestMap);
+        const BpfMapRO<uint32_t, uint64_t> ro(kTestMap);
         EXPECT_EQ(before + 2, openFdCount());
         errno = EXDEV;
     }
@@ -155,39 +146,39 @@ TEST_F(BpfMapTest, HandleClosesItsDescriptorAndKeepsErrno) {
 using BpfMapDeathTest = BpfMapTest;
 
 TEST_F(BpfMapDeathTest, MissingOrMisshapenMapsAbort) {
-    expectAborts([&] { BpfMapRO<uint32_t, uint64_t>{kMap}; });
-    expectAborts([&] { BpfMap<uint32_t, uint64_t>{kMap}; });
+    expectAborts([&] { BpfMapRO<uint32_t, uint64_t>{kTestMap}; });
+    expectAborts([&] { BpfMap<uint32_t, uint64_t>{kTestMap}; });
 
-    RawMap wideKey(kMap.path, 8, 8);
-    expectAborts([&] { BpfMapRO<uint32_t, uint64_t>{kMap}; });
-    RawMap valueOneByteLonger(kMap.path, 4, 9);
-    expectAborts([&] { BpfMapRO<uint32_t, uint64_t>{kMap}; });
-    expectAborts([&] { BpfMap<uint32_t, uint64_t>{kMap}; });
+    RawMap wideKey(kTestMap.path, 8, 8);
+    expectAborts([&] { BpfMapRO<uint32_t, uint64_t>{kTestMap}; });
+    RawMap valueOneByteLonger(kTestMap.path, 4, 9);
+    expectAborts([&] { BpfMapRO<uint32_t, uint64_t>{kTestMap}; });
+    expectAborts([&] { BpfMap<uint32_t, uint64_t>{kTestMap}; });
 }
 
 TEST_F(BpfMapDeathTest, MapFlagsDecideWhichHandleMayOpenIt) {
-    TypedMap map(kMap);
+    TypedMap map(kTestMap);
     reportMapFlags(BPF_F_RDONLY);
-    const BpfMapRO<uint32_t, uint64_t> ro(kMap);
+    const BpfMapRO<uint32_t, uint64_t> ro(kTestMap);
     EXPECT_GE(ro.getMap().get(), 0) << "read-only maps are fine for reading";
-    expectAborts([&] { BpfMap<uint32_t, uint64_t>{kMap}; });
+    expectAborts([&] { BpfMap<uint32_t, uint64_t>{kTestMap}; });
 
     reportMapFlags(BPF_F_WRONLY);
-    expectAborts([&] { BpfMapRO<uint32_t, uint64_t>{kMap}; });
-    expectAborts([&] { BpfMap<uint32_t, uint64_t>{kMap}; });
+    expectAborts([&] { BpfMapRO<uint32_t, uint64_t>{kTestMap}; });
+    expectAborts([&] { BpfMap<uint32_t, uint64_t>{kTestMap}; });
 
     reportMapFlags(BPF_F_NO_PREALLOC);
-    const BpfMap<uint32_t, uint64_t> rw(kMap);
+    const BpfMap<uint32_t, uint64_t> rw(kTestMap);
     EXPECT_GE(rw.getMap().get(), 0) << "other flags do not matter";
 }
 
 TEST_F(BpfMapDeathTest, InfoQueriesThatFailOrReplyShortAbort) {
-    TypedMap map(kMap);
+    TypedMap map(kTestMap);
     // Each of the three info queries (flags, key size, value size) is needed.
     for (int nth = 1; nth <= 3; ++nth) {
         SCOPED_TRACE(nth);
         failBpfCommand(BPF_OBJ_GET_INFO_BY_FD, nth, EIO);
-        expectAborts([&] { BpfMapRO<uint32_t, uint64_t>{kMap}; });
+        expectAborts([&] { BpfMapRO<uint32_t, uint64_t>{kTestMap}; });
     }
     // A kernel whose reply stops short of the flags word.
     setBpfHook([](int cmd, bpf_attr& attr, unsigned size, int) -> std::optional<long> {
@@ -196,14 +187,14 @@ TEST_F(BpfMapDeathTest, InfoQueriesThatFailOrReplyShortAbort) {
         attr.info.info_len = 20;
         return rv;
     });
-    expectAborts([&] { BpfMapRO<uint32_t, uint64_t>{kMap}; });
+    expectAborts([&] { BpfMapRO<uint32_t, uint64_t>{kTestMap}; });
     EXPECT_TRUE(takeLogs().empty());
 }
 
 // ---- The shared lock of read-write openers. ----
 
 struct flock byteLock(short type, uint32_t id) {
-    struct flock lock{};
+    struct flock lock {};
     lock.l_type = type;
     lock.l_whence = SEEK_SET;
     lock.l_start = id;
@@ -218,29 +209,29 @@ int openRaw(const char* path) {
 }
 
 TEST_F(BpfMapDeathTest, ReadWriteOpenersShareTheLockAndAWriteLockExcludesThem) {
-    TypedMap map(kMap);
-    const uint32_t id = map.id();
-    const int probe = openRaw(kMap.path);
+    TypedMap map(kTestMap);
+    const uint32_t id = map.info().id;
+    const int probe = openRaw(kTestMap.path);
     ASSERT_GE(probe, 0);
     {
-        BpfMap<uint32_t, uint64_t> first(kMap);
-        BpfMap<uint32_t, uint64_t> second(kMap);
+        BpfMap<uint32_t, uint64_t> first(kTestMap);
+        BpfMap<uint32_t, uint64_t> second(kTestMap);
         ASSERT_TRUE(second.writeValue(1, 1, BPF_ANY).ok());
         struct flock lock = byteLock(F_WRLCK, id);
         EXPECT_EQ(-1, fcntl(probe, F_OFD_SETLK, &lock)) << "readers hold the byte";
         EXPECT_EQ(EAGAIN, errno);
         // Read-only openers take no lock.
-        const BpfMapRO<uint32_t, uint64_t> reader(kMap);
+        const BpfMapRO<uint32_t, uint64_t> reader(kTestMap);
     }
     struct flock lock = byteLock(F_WRLCK, id);
     ASSERT_EQ(0, fcntl(probe, F_OFD_SETLK, &lock)) << "closing the handles released the lock";
-    const BpfMapRO<uint32_t, uint64_t> reader(kMap);
-    expectAborts([&] { BpfMap<uint32_t, uint64_t>{kMap}; });
+    const BpfMapRO<uint32_t, uint64_t> reader(kTestMap);
+    expectAborts([&] { BpfMap<uint32_t, uint64_t>{kTestMap}; });
     close(probe);
 }
 
 TEST_F(BpfMapDeathTest, MapIdDecidesWhetherTheLockCanBeTaken) {
-    TypedMap map(kMap);
+    TypedMap map(kTestMap);
     // Query order of a read-write open: the lock's id query comes first.
     auto replyToFirstInfo = [](std::function<long(bpf_attr&)> reply) {
         setBpfHook([reply](int cmd, bpf_attr& attr, unsigned, int nth) -> std::optional<long> {
@@ -253,9 +244,9 @@ TEST_F(BpfMapDeathTest, MapIdDecidesWhetherTheLockCanBeTaken) {
         return -1L;
     });
     {
-        BpfMap<uint32_t, uint64_t> unlocked(kMap);
-        const int probe = openRaw(kMap.path);
-        struct flock lock = byteLock(F_WRLCK, map.id());
+        BpfMap<uint32_t, uint64_t> unlocked(kTestMap);
+        const int probe = openRaw(kTestMap.path);
+        struct flock lock = byteLock(F_WRLCK, map.info().id);
         EXPECT_EQ(0, fcntl(probe, F_OFD_SETLK, &lock)) << "no lock was taken";
         close(probe);
     }
@@ -263,10 +254,10 @@ TEST_F(BpfMapDeathTest, MapIdDecidesWhetherTheLockCanBeTaken) {
         errno = EPERM;
         return -1L;
     });
-    expectAborts([&] { BpfMap<uint32_t, uint64_t>{kMap}; });
+    expectAborts([&] { BpfMap<uint32_t, uint64_t>{kTestMap}; });
     // Success with the zeroed buffer untouched: map id 0, which names no map.
     replyToFirstInfo([](bpf_attr&) { return 0L; });
-    expectAborts([&] { BpfMap<uint32_t, uint64_t>{kMap}; });
+    expectAborts([&] { BpfMap<uint32_t, uint64_t>{kTestMap}; });
 }
 
 }  // namespace

@@ -1,20 +1,10 @@
-#include <errno.h>
 #include <fcntl.h>
 #include <sys/personality.h>
-#include <unistd.h>
 
 #include "Harness.h"
 
 namespace kovra::test {
 namespace {
-
-using android::bpf::bpfLock;
-using android::bpf::BpfMapRO;
-using android::bpf::kernelVersion;
-using android::bpf::PinnedMap;
-using android::bpf::uncachedKernelVersion;
-
-constexpr PinnedMap<uint32_t, uint64_t> kMap{"/sys/fs/bpf/map_test_u32_u64_map"};
 
 class KernelVersionTest : public KernelTest {};
 
@@ -46,10 +36,10 @@ TEST_F(KernelVersionTest, CachedVersionIsReadOnce) {
 // map whose value is one byte longer than the handle's, which only the check can notice.
 TEST_F(KernelVersionTest, MapChecksRunFromKernel4_14On) {
     useReexecDeathTests();
-    RawMap valueOneByteLonger(kMap.path, 4, 9);
+    RawMap valueOneByteLonger(kTestMap.path, 4, 9);
     auto probeUnder = [](const char* release) {
         setUnameRelease(release);
-        BpfMapRO<uint32_t, uint64_t> map(kMap);
+        BpfMapRO<uint32_t, uint64_t> map(kTestMap);
         _exit(0);
     };
     for (const char* below : {"4.13.65535", "4.13.255", "3.18.140-android"}) {
@@ -65,9 +55,9 @@ TEST_F(KernelVersionTest, MapChecksRunFromKernel4_14On) {
 // The same gate driven by the kernel itself: UNAME26 makes uname report a 2.6 release.
 TEST_F(KernelVersionTest, Uname26PersonalitySkipsTheMapChecks) {
     useReexecDeathTests();
-    RawMap valueOneByteLonger(kMap.path, 4, 9);
+    RawMap valueOneByteLonger(kTestMap.path, 4, 9);
     auto open = [] {
-        BpfMapRO<uint32_t, uint64_t> map(kMap);
+        BpfMapRO<uint32_t, uint64_t> map(kTestMap);
         _exit(0);
     };
     EXPECT_EXIT(
@@ -89,25 +79,22 @@ TEST_F(BpfLockTest, NegativeDescriptorComesBackUntouched) {
 }
 
 TEST_F(BpfLockTest, RefusedLockClosesTheDescriptor) {
-    TypedMap map(kMap);
-    bpf_attr get{};
-    get.pathname = reinterpret_cast<uintptr_t>(kMap.path);
-    const int holder = static_cast<int>(realBpf(BPF_OBJ_GET, &get, sizeof(get)));
-    const int fd = static_cast<int>(realBpf(BPF_OBJ_GET, &get, sizeof(get)));
-    ASSERT_GE(holder, 0);
-    ASSERT_GE(fd, 0);
-    struct flock lock{};
+    const TypedMap map(kTestMap);
+    auto open = [] { return RawMap::open(kTestMap.path, sandbox::Access::kReadWrite); };
+    std::optional<RawMap> holder = open();
+    struct flock lock {};
     lock.l_type = F_WRLCK;
-    lock.l_start = map.id();
+    lock.l_start = map.info().id;
     lock.l_len = 1;
-    ASSERT_EQ(0, fcntl(holder, F_OFD_SETLK, &lock));
+    ASSERT_EQ(0, fcntl(holder->fd(), F_OFD_SETLK, &lock));
 
+    const int fd = dup(open().fd());
     EXPECT_EQ(-1, bpfLock(fd, F_RDLCK));
     EXPECT_EQ(EAGAIN, errno);
     EXPECT_EQ(-1, fcntl(fd, F_GETFD)) << "the refused descriptor must be closed";
-    close(holder);
+    holder.reset();
 
-    const int again = static_cast<int>(realBpf(BPF_OBJ_GET, &get, sizeof(get)));
+    const int again = dup(open().fd());
     EXPECT_EQ(again, bpfLock(again, F_RDLCK));
     close(again);
 }

@@ -1,6 +1,4 @@
-#include <errno.h>
 #include <stdio.h>
-#include <unistd.h>
 
 #include "Harness.h"
 
@@ -16,8 +14,6 @@ static std::ostream& operator<<(std::ostream& os, const AppFreezeConfig& c) {
 
 namespace kovra::test {
 namespace {
-
-using namespace android::bpf;
 
 class AppFreezeConfigTest : public KernelTest {};
 
@@ -58,7 +54,7 @@ void inFreshProcess(const std::function<void()>& body) {
 
 TEST_F(AppFreezeConfigTest, GetReadsKeyOneThroughAReadWriteHandle) {
     TypedMap map(maps::kAppFreezeConfig);
-    ASSERT_TRUE(map.put(0, {9, 9, 9}));
+    map.put(0, {9, 9, 9});
     AppFreezeConfig config{4, 5, 6};
     EXPECT_EQ(-ENOENT, noLeak([&] { return bpfGetAppFreezeConfig(config); }));
     EXPECT_EQ((AppFreezeConfig{4, 5, 6}), config) << "a failed read leaves the record untouched";
@@ -71,7 +67,7 @@ TEST_F(AppFreezeConfigTest, GetReadsKeyOneThroughAReadWriteHandle) {
         if (cmd == BPF_OBJ_GET) openFlags.push_back(attr.file_flags);
         return std::nullopt;
     });
-    ASSERT_TRUE(map.put(kKey, {1, 2, 4294967295u}));
+    map.put(kKey, {1, 2, 4294967295u});
     EXPECT_EQ(0, noLeak([&] { return bpfGetAppFreezeConfig(config); }));
     EXPECT_EQ((AppFreezeConfig{1, 2, 4294967295u}), config);
     EXPECT_EQ(std::vector<uint32_t>{0}, openFlags) << "the getter opens the map read-write";
@@ -103,7 +99,7 @@ TEST_F(AppFreezeConfigTest, RepeatingTheLastWriteIsSkippedWhateverTheMapHolds) {
         takeLogs();
         // Another process changes the record; this one neither notices nor, by reading it,
         // forgets what it wrote itself.
-        ASSERT_TRUE(map.put(kKey, {7, 7, 7}));
+        map.put(kKey, {7, 7, 7});
         AppFreezeConfig read{};
         EXPECT_EQ(0, bpfGetAppFreezeConfig(read));
         EXPECT_EQ((AppFreezeConfig{7, 7, 7}), read);
@@ -121,7 +117,7 @@ TEST_F(AppFreezeConfigTest, FailedWriteIsTriedAgain) {
     inFreshProcess([] {
         // A full map: the kernel refuses the new key 1.
         TypedMap map(maps::kAppFreezeConfig, /*maxEntries=*/1);
-        ASSERT_TRUE(map.put(0, {9, 9, 9}));
+        map.put(0, {9, 9, 9});
         EXPECT_EQ(std::pair(-E2BIG, true), set({5, 6, 7}));
         EXPECT_EQ(std::vector{errorLine(
                           "Failed to get bpfSetAppFreezeConfig stats: Argument list too long")},

@@ -14,9 +14,9 @@
 #include <errno.h>
 #include <linux/bpf.h>
 #include <signal.h>
-#include <unistd.h>
 #include <stdint.h>
 #include <string.h>
+#include <unistd.h>
 
 #include <functional>
 #include <optional>
@@ -27,24 +27,34 @@
 
 #include <gtest/gtest.h>
 
+#include <kovrabpf/KovraBpfNetworkStats.h>
+#include <kovrabpf/KovraPinnedMaps.h>
 #include <kovrasandbox/Bpffs.h>
+#include <kovrasandbox/Clock.h>
 #include <kovrasandbox/Maps.h>
 #include <kovrasandbox/Netns.h>
+
+#include <Interpose.h>
 
 namespace kovra::test {
 
 // ---- Maps ----
 
-using android::bpf::PinnedMap;
+// The library under test, and the desk's maps and clock the tests stand its maps up with.
+using namespace android::bpf;
+using android::base::Result;
+using sandbox::monotonicNowNs;
 using sandbox::openFdCount;
 using sandbox::RawMap;
 using sandbox::sameBytes;
-
 using sandbox::TypedMap;
 
 // The process's private network namespace with lo and a veth pair (sandbox/Netns.h), entered by
 // the first call and kept; null, and a test failure, when it cannot be set up.
 const sandbox::PrivateNetwork* testNetwork();
+
+// A map of plain numbers for the map handles' own tests.
+inline constexpr PinnedMap<uint32_t, uint64_t> kTestMap{"/sys/fs/bpf/map_test_u32_u64_map"};
 
 // ---- Log capture ----
 
@@ -59,21 +69,26 @@ struct LogLine {
 std::ostream& operator<<(std::ostream& os, const LogLine& line);
 
 inline constexpr char kTag[] = "KovraBpfNetworkStats";
-inline LogLine errorLine(std::string text) { return {6, kTag, std::move(text)}; }
-inline LogLine debugLine(std::string text) { return {3, kTag, std::move(text)}; }
-inline LogLine untaggedError(std::string text) { return {6, std::nullopt, std::move(text)}; }
+inline LogLine errorLine(std::string text) {
+    return {6, kTag, std::move(text)};
+}
+inline LogLine debugLine(std::string text) {
+    return {3, kTag, std::move(text)};
+}
+inline LogLine untaggedError(std::string text) {
+    return {6, std::nullopt, std::move(text)};
+}
 
 // Returns the lines logged since the last call, and forgets them.
 std::vector<LogLine> takeLogs();
 
 // ---- bpf(2) interposition ----
 
-// The real bpf system call, past the executable's interposed syscall().
-long realBpf(int cmd, void* attr, unsigned size);
+using interpose::realBpf;
 
 // Called for every bpf command the library (or the test) issues through syscall(). `nth` counts
-// this command from 1 since the hook was set (setting one restarts every count). Returning a value replaces the system
-// call (set errno yourself); nullopt lets it through.
+// this command from 1 since the hook was set (setting one restarts every count). Returning a value
+// replaces the system call (set errno yourself); nullopt lets it through.
 using BpfHook = std::function<std::optional<long>(int cmd, bpf_attr& attr, unsigned size, int nth)>;
 void setBpfHook(BpfHook hook);
 // Fails the nth call of `cmd` with `err`.

@@ -1,25 +1,21 @@
-// The test executable's own definitions of syscall, __android_log_print and uname. The library
-// reaches these C functions through the dynamic linker, which finds the executable's first;
-// each forwards to the next definition (libc's or a sanitizer's) unless a test says otherwise.
-// The tests' own map work goes through libbpf, whose bpf commands pass untouched and uncounted.
-#include <errno.h>
+// The test executable's own definitions of __android_log_print and uname, and what it does with
+// the library's bpf commands (the executable's syscall() is interpose/'s). The library reaches
+// these C functions through the dynamic linker, which finds the executable's first; each forwards
+// to the next definition (libc's or a sanitizer's) unless a test says otherwise.
 #include <stdarg.h>
 #include <stdio.h>
-#include <string.h>
-#include <sys/syscall.h>
 #include <sys/utsname.h>
 
 #include <map>
 #include <mutex>
 
-#include <kovrasandbox/Interpose.h>
+#include <Interpose.h>
 
 #include "Harness.h"
 
 namespace kovra::test {
 namespace {
 
-using SyscallFn = long (*)(long, ...);
 using UnameFn = int (*)(struct utsname*);
 
 struct State {
@@ -39,8 +35,8 @@ State& state() {
 }  // namespace
 
 std::ostream& operator<<(std::ostream& os, const LogLine& line) {
-    return os << "{prio " << line.priority << ", tag " << (line.tag ? '"' + *line.tag + '"' : "null")
-              << ", \"" << line.text << "\"}";
+    return os << "{prio " << line.priority << ", tag "
+              << (line.tag ? '"' + *line.tag + '"' : "null") << ", \"" << line.text << "\"}";
 }
 
 std::vector<LogLine> takeLogs() {
@@ -90,44 +86,26 @@ void setUnameRelease(std::optional<std::string> release, bool fail) {
     state().unameFails = fail;
 }
 
-long realBpf(int cmd, void* attr, unsigned size) {
-    static const auto real =
-            reinterpret_cast<SyscallFn>(kovra::sandbox::nextDefinition("syscall"));
-    return real(SYS_bpf, cmd, attr, size);
+namespace {
+
+// Counts each of the library's bpf commands and hands it to the test's hook.
+std::optional<long> observe(int cmd, void* attr, unsigned size) {
+    BpfHook hook;
+    int nth;
+    {
+        std::lock_guard guard(state().lock);
+        nth = ++state().bpfCounts[cmd];
+        hook = state().hook;
+    }
+    return hook ? hook(cmd, *static_cast<bpf_attr*>(attr), size, nth) : std::nullopt;
 }
 
+[[maybe_unused]] const bool observing = (interpose::observeBpf(observe), true);
+
+}  // namespace
 }  // namespace kovra::test
 
 using namespace kovra::test;
-
-extern "C" long syscall(long number, ...) {
-    static const auto real =
-            reinterpret_cast<SyscallFn>(kovra::sandbox::nextDefinition("syscall"));
-    // syscall() takes up to six register-sized arguments; passing them all on is what every
-    // wrapper of it does.
-    va_list ap;
-    va_start(ap, number);
-    long a[6];
-    for (long& arg : a) arg = va_arg(ap, long);
-    va_end(ap);
-
-    if (number == SYS_bpf && !kovra::sandbox::fromLibbpf(__builtin_return_address(0))) {
-        BpfHook hook;
-        int nth;
-        {
-            std::lock_guard guard(state().lock);
-            nth = ++state().bpfCounts[static_cast<int>(a[0])];
-            hook = state().hook;
-        }
-        if (hook) {
-            auto* attr = reinterpret_cast<bpf_attr*>(a[1]);
-            if (auto reply = hook(static_cast<int>(a[0]), *attr, static_cast<unsigned>(a[2]), nth)) {
-                return *reply;
-            }
-        }
-    }
-    return real(number, a[0], a[1], a[2], a[3], a[4], a[5]);
-}
 
 extern "C" int __android_log_print(int prio, const char* tag, const char* fmt, ...) {
     va_list ap;
@@ -141,7 +119,7 @@ extern "C" int __android_log_print(int prio, const char* tag, const char* fmt, .
 }
 
 extern "C" int uname(struct utsname* buf) {
-    static const auto real = reinterpret_cast<UnameFn>(kovra::sandbox::nextDefinition("uname"));
+    static const auto real = reinterpret_cast<UnameFn>(kovra::interpose::nextDefinition("uname"));
     std::optional<std::string> release;
     {
         std::lock_guard guard(state().lock);

@@ -11,10 +11,11 @@ constexpr char kShareVariable[] = "KOVRA_TEST_IN_PRIVATE_BPFFS";
 }  // namespace
 
 void KernelTest::SetUp() {
-    const std::string problem = sandbox::enterPrivateBpffs(kShareVariable);
-    if (!problem.empty()) {
-        if (underCi()) FAIL() << "kernel-map test cannot run: " << problem;
-        GTEST_SKIP() << "kernel-map test skipped: " << problem;
+    try {
+        sandbox::enterPrivateBpffs(kShareVariable);
+    } catch (const sandbox::Error& problem) {
+        if (underCi()) FAIL() << "kernel-map test cannot run: " << problem.what();
+        GTEST_SKIP() << "kernel-map test skipped: " << problem.what();
     }
     resetInterposers();
     sandbox::emptyBpffs();
@@ -32,9 +33,16 @@ bool underCi() {
 
 const sandbox::PrivateNetwork* testNetwork() {
     static sandbox::PrivateNetwork network;
-    static const std::string problem = sandbox::enterPrivateNetwork(network);
-    EXPECT_EQ("", problem) << "cannot set up the private network namespace";
-    return problem.empty() ? &network : nullptr;
+    static const bool entered = [] {
+        try {
+            sandbox::enterPrivateNetwork(network);
+        } catch (const sandbox::Error& problem) {
+            ADD_FAILURE() << "cannot set up the private network namespace: " << problem.what();
+            return false;
+        }
+        return true;
+    }();
+    return entered ? &network : nullptr;
 }
 
 void useReexecDeathTests() {

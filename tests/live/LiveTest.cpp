@@ -12,7 +12,6 @@
 #include <stdlib.h>
 #include <sys/file.h>
 #include <sys/stat.h>
-#include <time.h>
 
 #include <array>
 #include <atomic>
@@ -21,8 +20,8 @@
 #include <memory>
 #include <thread>
 
-#include <Live.h>
-#include <Traffic.h>
+#include <kovralive/Live.h>
+#include <kovralive/Traffic.h>
 
 #include "Harness.h"
 
@@ -146,34 +145,37 @@ static_assert(sizeof(SynRecord) == sizeof(AppFreezeSynInfo));
 using LiveFreeze = LiveTest;
 
 TEST_F(LiveFreeze, FrozenAppsSynsAndTrafficAreHarvestedOnce) {
+    // Two apps frozen at once, each accounted under its own UID.
     live::setFrozen(10021, true);
-    const auto sent = drive({"uid=10021,peer=10002,bytes=3000", "uid=10003,peer=10021,bytes=2000"});
+    live::setFrozen(10022, true);
+    const auto sent = drive({"uid=10021,peer=10002,bytes=3000", "uid=10003,peer=10021,bytes=2000",
+                             "uid=10022,peer=10002,bytes=1000"});
     ASSERT_EQ(3000u, sent[0].received);
 
     auto syns = snapshot(bpfFetchAppFreezeSyns);
-    ASSERT_EQ(2u, syns.size());
+    ASSERT_EQ(3u, syns.size());
     for (const auto& [cookie, record] : syns) {
         SynRecord syn;
         memcpy(&syn, &record, sizeof(syn));
         const bool out = cookie == sent[0].cookie;
-        EXPECT_EQ(10021u, syn.uid);
+        EXPECT_EQ(cookie == sent[2].cookie ? 10022u : 10021u, syn.uid);
+        if (cookie == sent[2].cookie) continue;
         EXPECT_EQ(out ? 0u : 1u, syn.inbound);
         EXPECT_EQ(1u, syn.attempts);
         EXPECT_EQ(sent[out ? 0 : 1].port, out ? syn.remotePort : syn.localPort);
         EXPECT_EQ(htonl(INADDR_LOOPBACK), syn.remote4);
     }
     auto stats = snapshot(bpfFetchAppFreezeStats);
-    ASSERT_EQ(1u, stats.size());
+    ASSERT_EQ(2u, stats.size());
     KovraStatsValue totals{};
     ASSERT_EQ(0, bpfGetUidPurStats(10021, totals));
     EXPECT_EQ(0, memcmp(&totals, &stats.at(10021), 32)) << "the same four counters";
-    timespec now;
-    clock_gettime(CLOCK_MONOTONIC, &now);
-    EXPECT_LE(stats.at(10021).data[4], now.tv_sec * 1000000000ull + now.tv_nsec);
+    EXPECT_LE(stats.at(10021).data[4], sandbox::monotonicNowNs());
 
     // Harvested once; a thawed app is no longer accounted.
     live::setFrozen(10021, false);
-    drive({"uid=10021,peer=10002,bytes=100"});
+    live::setFrozen(10022, false);
+    drive({"uid=10021,peer=10002,bytes=100", "uid=10022,peer=10002,bytes=100"});
     EXPECT_TRUE(snapshot(bpfFetchAppFreezeSyns).empty());
     EXPECT_TRUE(snapshot(bpfFetchAppFreezeStats).empty());
 }

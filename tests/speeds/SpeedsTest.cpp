@@ -9,14 +9,11 @@
 
 #include <netutils/ifc.h>
 
-#include <kovrasandbox/Seed.h>
-
 #include "Harness.h"
 
 namespace kovra::test {
 namespace {
 
-using namespace android::bpf;
 using SpeedsTable = std::unordered_map<uint64_t, SpeedsValue>;
 using UidSpeedsTable = std::unordered_map<uint64_t, IfaceSpeedsValue>;
 using WatchList = std::unordered_set<uint64_t>;
@@ -29,7 +26,7 @@ constexpr uint64_t kAtBoot = 0;  // the stamp of a record idle since boot
 // CLOCK_MONOTONIC in nanoseconds. kAtBoot must be stale against kStaleMs, so on a machine up for
 // less than 5 s, such as a fresh test VM, this first waits.
 uint64_t monotonicNow() {
-    const uint64_t now = sandbox::monotonicNowNs();
+    const uint64_t now = monotonicNowNs();
     if (now >= 5'000 * kNsPerMs) return now;
     usleep(useconds_t((5'000 * kNsPerMs - now) / 1000));
     return monotonicNow();
@@ -116,11 +113,11 @@ struct SpeedMaps {
     // although its key names interface 7.
     void gatherOn(std::initializer_list<uint32_t> ifindexes) const {
         for (uint32_t n : ifindexes) {
-            ASSERT_TRUE(sockets.put(10 + n, speedRecord(n, 1, 2, 3, 4)));
-            ASSERT_TRUE(info.put(10 + n, socketOn(n)));
-            ASSERT_TRUE(uids.put({100 + n, n}, speedRecord(n, 1, 2, 3, 4)));
+            sockets.put(10 + n, speedRecord(n, 1, 2, 3, 4));
+            info.put(10 + n, socketOn(n));
+            uids.put({100 + n, n}, speedRecord(n, 1, 2, 3, 4));
         }
-        ASSERT_TRUE(uids.put({1007, 7}, speedRecord(8, 1, 2, 3, 4)));
+        uids.put({1007, 7}, speedRecord(8, 1, 2, 3, 4));
     }
     Gathered left() const {
         std::vector<uint32_t> uidsLeft;
@@ -150,9 +147,9 @@ TEST_F(SocketSpeedsTest, ReportAppliesStalenessFloorAndWatchListAndPrunes) {
             {11, speedRecord(3, 703, now, 703, now)},
             {12, speedRecord(3, 0, now, 704, now)},
     };
-    for (const auto& [cookie, value] : sockets) ASSERT_TRUE(kernel.sockets.put(cookie, value));
-    ASSERT_TRUE(kernel.info.put(1, socketOn(3)));
-    ASSERT_TRUE(kernel.info.put(2, socketOn(3)));
+    for (const auto& [cookie, value] : sockets) kernel.sockets.put(cookie, value);
+    kernel.info.put(1, socketOn(3));
+    kernel.info.put(2, socketOn(3));
     SpeedsTable speeds{{6, speedRecord(9, 1, 2, 3, 4)}};
 
     // Below the floor of 1000 kbps only a watched socket with a live, non-zero speed is reported.
@@ -197,7 +194,7 @@ using SocketSpeedsDeathTest = SocketSpeedsTest;
 TEST_F(SocketSpeedsDeathTest, MissingSocketInformationEndsTheProcessBeforeAnyPruning) {
     TypedMap speedsMap(maps::kAppSocketSpeeds);
     TypedMap interfaces(maps::kAppSocketSpeedsIfindex);
-    ASSERT_TRUE(speedsMap.put(1, speedRecord(3, 1, kAtBoot, 1, kAtBoot)));
+    speedsMap.put(1, speedRecord(3, 1, kAtBoot, 1, kAtBoot));
     SpeedsTable speeds;
     WatchList watched;
     expectAborts([&] { bpfGetAppSocketSpeedsTotal(speeds, kStaleMs, 0, watched); });
@@ -222,8 +219,8 @@ TEST_F(SocketLocalityTest, LocalSocketsAreLeftOutOnlyWhereTheInterfaceAsks) {
     };
     for (uint64_t cookie = 1; cookie <= 6; ++cookie) {
         const SocketTuple& tuple = sockets[cookie - 1];
-        ASSERT_TRUE(kernel.info.put(cookie, tuple));
-        ASSERT_TRUE(kernel.sockets.put(cookie, speedRecord(tuple.ifindex, 5000, now, 0, now)));
+        kernel.info.put(cookie, tuple);
+        kernel.sockets.put(cookie, speedRecord(tuple.ifindex, 5000, now, 0, now));
     }
 
     // Alone, the test has no interface-control context to ask through.
@@ -244,7 +241,7 @@ TEST_F(SocketLocalityTest, LocalSocketsAreLeftOutOnlyWhereTheInterfaceAsks) {
               takeLogs());
 
     // An unreadable measurement table filters nothing, silently.
-    ASSERT_TRUE(kernel.interfaces.put(net.subnet, {1, 1}));
+    kernel.interfaces.put(net.subnet, {1, 1});
     SpeedsTable speeds;
     failBpfCommand(BPF_MAP_LOOKUP_ELEM, 1, EIO);
     EXPECT_EQ(0, report(speeds, 0));
@@ -253,8 +250,8 @@ TEST_F(SocketLocalityTest, LocalSocketsAreLeftOutOnlyWhereTheInterfaceAsks) {
     resetInterposers();
 
     // Only localEnable 1 filters, and a socket whose locality cannot be told is reported.
-    ASSERT_TRUE(kernel.interfaces.put(net.loopback, {1, 2}));
-    ASSERT_TRUE(kernel.interfaces.put(net.bare, {1, 1}));
+    kernel.interfaces.put(net.loopback, {1, 2});
+    kernel.interfaces.put(net.bare, {1, 1});
     speeds.clear();
     EXPECT_EQ(0, report(speeds, 0));
     const Kbps reported{{2, 5, 0}, {3, 5, 0}, {4, 5, 0}, {5, 5, 0}, {6, 5, 0}};
@@ -287,7 +284,7 @@ TEST_F(UidSpeedsTest, InternalWalkJudgesAgesAtTheCallersClock) {
     UidSpeedsTable speeds{{tableKey({10001, 4}), {77, 88}}};
     Kbps expected;
     for (const auto& [key, value, first, second] : pairs) {
-        ASSERT_TRUE(kernel.put(key, value));
+        kernel.put(key, value);
         if (first != kPruned) expected.emplace_back(tableKey(key), first, second);
     }
     BpfMap handle(maps::kAppUidSpeeds);
@@ -312,9 +309,9 @@ TEST_F(UidSpeedsTest, InternalWalkJudgesAgesAtTheCallersClock) {
 TEST_F(UidSpeedsTest, ServiceUsesTheMonotonicClockAndHidesAWalkError) {
     TypedMap kernel(maps::kAppUidSpeeds);
     const uint64_t now = monotonicNow();
-    ASSERT_TRUE(kernel.put({1, 1}, speedRecord(1, 3'000, now, 4'000, now)));
-    ASSERT_TRUE(kernel.put({2, 1}, speedRecord(1, 3'000, kAtBoot, 4'000, kAtBoot)));
-    ASSERT_TRUE(kernel.put({3, 1}, speedRecord(1, 5'000, now, 6'000, now)));
+    kernel.put({1, 1}, speedRecord(1, 3'000, now, 4'000, now));
+    kernel.put({2, 1}, speedRecord(1, 3'000, kAtBoot, 4'000, kAtBoot));
+    kernel.put({3, 1}, speedRecord(1, 5'000, now, 6'000, now));
     UidSpeedsTable speeds;
     EXPECT_EQ(0, noLeak([&] { return bpfGetAppUidSpeedsTotal(speeds, kStaleMs); }));
     EXPECT_EQ((Kbps{{tableKey({1, 1}), 3, 4}, {tableKey({3, 1}), 5, 6}}), kbpsOf(speeds));
@@ -346,7 +343,7 @@ const std::string kSweepFailed[] = {
 TEST_F(InterfaceBindingTest, EnableStoresOneAndDisableWipesWhatTheValuesSayWasGathered) {
     SpeedMaps kernel;
     kernel.gatherOn({7, 8, 9});
-    ASSERT_TRUE(kernel.interfaces.put(8, {1, 0}));
+    kernel.interfaces.put(8, {1, 0});
     EXPECT_EQ(0, noLeak([] { return bpfUpdateAppSocketSpeedsIfindex(7, 5, 1); }));
     EXPECT_TRUE(sameBytes(IfIndexSpeedConfig{1, 1}, *kernel.interfaces.get(7)));
     EXPECT_EQ(0, noLeak([] { return bpfUpdateAppSocketSpeedsIfindex(7, -1, 0); }));

@@ -1,17 +1,13 @@
 // The TCP wake-up detector: the heartbeat lengths and the screen-state switch with its reset of
 // the maps flagged as overflowing (the counter readers are among the copying services, core/).
-#include <errno.h>
 #include <fcntl.h>
 
 #include <algorithm>
-#include <string>
 
 #include "Harness.h"
 
 namespace kovra::test {
 namespace {
-
-using namespace android::bpf;
 
 class WakeupCountersDeathTest : public KernelTest {};
 
@@ -48,9 +44,9 @@ struct DetectorMaps {
     // Gives the heartbeat map and the six flaggable maps kEntries entries each.
     void fill() const {
         for (uint32_t i = 1; i <= kEntries; ++i) {
-            ASSERT_TRUE(hbLen.put(i, 300));
-            for (auto* map : {&inSeq, &outSeq, &outAck}) ASSERT_TRUE(map->put(i, i));
-            for (auto* map : {&inWakeup, &outWakeup, &wakeupDuration}) ASSERT_TRUE(map->put(i, i));
+            hbLen.put(i, 300);
+            for (auto* map : {&inSeq, &outSeq, &outAck}) map->put(i, i);
+            for (auto* map : {&inWakeup, &outWakeup, &wakeupDuration}) map->put(i, i);
         }
     }
     // Entry counts of the flaggable maps, by bit: 1, 2, 4, 8, 16, 32.
@@ -83,10 +79,10 @@ class ScreenStateTest : public KernelTest {};
 TEST_F(ScreenStateTest, ZeroDropsHeartbeatsAndNonZeroResetsFlaggedMapsInLockOrder) {
     DetectorMaps m;
     m.fill();
-    for (uint32_t bit : {32u, 16u, 8u, 4u, 2u, 1u}) ASSERT_TRUE(m.check.put(bit, 1));
+    for (uint32_t bit : {32u, 16u, 8u, 4u, 2u, 1u}) m.check.put(bit, 1);
     // Each map opened, with the locks held at that moment.
     std::vector<std::string> opened;
-    setBpfHook([&, screenId = m.screen.id(), checkId = m.check.id()](
+    setBpfHook([&, screenId = m.screen.info().id, checkId = m.check.info().id](
                        int cmd, bpf_attr& attr, unsigned, int) -> std::optional<long> {
         if (cmd != BPF_OBJ_GET) return std::nullopt;
         std::string entry = reinterpret_cast<const char*>(attr.pathname);
@@ -125,7 +121,7 @@ TEST_F(ScreenStateTest, ZeroDropsHeartbeatsAndNonZeroResetsFlaggedMapsInLockOrde
     // Only the value 1 under the six bits counts, and one line tells all the maps reset.
     m.fill();
     for (auto [key, value] : {std::pair{1u, 1u}, {8u, 1u}, {2u, 2u}, {64u, 1u}}) {
-        ASSERT_TRUE(m.check.put(key, value));
+        m.check.put(key, value);
     }
     EXPECT_EQ(0, noLeak([] { return bpfUpdateScreenStateMap(1, 5); }));
     EXPECT_EQ((std::vector<size_t>{0, kEntries, kEntries, 0, kEntries, kEntries}), m.flaggable());
@@ -145,7 +141,7 @@ TEST_F(ScreenStateTest, AFailedStateWriteStillRunsTheRestAndReturnsMinusOne) {
         SCOPED_TRACE(testing::Message() << "state " << state << ", update " << failing);
         DetectorMaps m;
         m.fill();
-        ASSERT_TRUE(m.check.put(8, 1));
+        m.check.put(8, 1);
         failBpfCommand(BPF_MAP_UPDATE_ELEM, failing, EIO);
         EXPECT_EQ(-1, noLeak([s = state] { return bpfUpdateScreenStateMap(s, 5); }));
         EXPECT_EQ(failing != 1, m.screen.get(1).has_value());

@@ -1,5 +1,5 @@
-// What every kovractl subcommand shares: the parsed global flags, argument checks, rows printed as
-// tables or JSON, and the rule that turns a service's status into an exit code.
+// What every kovractl subcommand shares: the parsed global flags, argument checks, and the rule
+// that turns a service's status into an exit code.
 #pragma once
 
 #include <stdint.h>
@@ -11,16 +11,14 @@
 #include <vector>
 
 #include <CLI/CLI.hpp>
-#include <nlohmann/json.hpp>
 
 #include <kovrabpf/KovraPinnedMaps.h>
 
 #include "Inspect.h"
+#include "Output.h"
 #include "ToolError.h"
 
 namespace kovra::tool {
-
-using Json = nlohmann::ordered_json;
 
 struct Context {
     bool json = false;            // -j: compact JSON instead of tables
@@ -32,6 +30,9 @@ struct Context {
     std::string outputHoldsOnlyCopy;
     std::vector<std::string> sandboxCommand;  // what `kovractl sandbox` runs, as given
     bool jsonOutput() const { return json || pretty; }
+    Format format() const {
+        return pretty ? Format::kPrettyJson : json ? Format::kJson : Format::kTable;
+    }
 };
 
 // Makes `action` the one to run when `command` is the subcommand chosen on the command line.
@@ -44,8 +45,12 @@ inline void onRun(CLI::App* command, Context& ctx, std::function<int()> action) 
     });
 }
 
-// A pinned map's short name: its file name without the kernel side's prefix and the "_map"
-// suffix ("/sys/fs/bpf/map_kovra-netd_app_tcp_fin_drop_map" is "app_tcp_fin_drop").
+// The same for a command that returns what it shows, printed by render().
+inline void onShow(CLI::App* command, Context& ctx, std::function<Output()> show) {
+    onRun(command, ctx, [&ctx, show = std::move(show)] { return render(ctx.format(), show()); });
+}
+
+// A catalogue map's short name ("app_tcp_fin_drop").
 std::string mapName(const char* path);
 
 // The one number grammar of every argument: unsigned decimal without a leading zero, or
@@ -69,31 +74,14 @@ std::string failureText(int status, const std::string& what);
 void allOrNone(CLI::App* command, std::vector<CLI::Option*> options,
                std::function<void()> more = {});
 
+// A change through a service: the `report` lines and "<what>: ok", or with JSON the `details`
+// with "status" (and "error"). A failed status is the output's failure: what the change removed
+// is told even when the service then fails.
+Output change(int status, const std::string& what, Json details,
+              const std::vector<std::string>& report = {});
+
 // Throws the ToolError of a failed service status, with failureText().
 void check(int status, const std::string& what);
-
-// Rows of a listing: camelCase column names (the JSON keys; the table's headers are their
-// upper-case forms) and one cell per column in every row, null where there is no value.
-struct Rows {
-    std::vector<std::string> columns;
-    std::vector<std::vector<Json>> rows;
-    Json toJson() const;
-    void print() const;  // an aligned table: numbers right-aligned, null as "-"
-};
-
-// Prints `value` as JSON on stdout: compact with -j, indented with -p.
-void printJson(const Context& ctx, const Json& value);
-
-// The rows as a table with a closing count ("307 UIDs"), or as a JSON array.
-void printRows(const Context& ctx, const Rows& rows, const std::string& noun);
-
-// "1 UID", "307 UIDs".
-std::string countOf(size_t count, const std::string& noun);
-
-// For a change through a service: "<what>: ok" on success, or with JSON output the `details`
-// with "status"; throws for a failed status. `report` lines say what else the change did.
-int reportChange(const Context& ctx, int status, const std::string& what, Json details,
-                 const std::vector<std::string>& report = {});
 
 // Sorted keys of an unordered result table, so output is stable from run to run.
 template <typename Map>

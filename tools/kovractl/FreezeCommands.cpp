@@ -28,70 +28,55 @@ Rows recordRows(const std::unordered_map<uint64_t, Record>& records) {
 }
 
 template <typename Record>
-int harvest(Context& ctx, int (*service)(std::unordered_map<uint64_t, Record>&),
-            const PinnedMapInfo& map, const std::string& what) {
+Output harvest(Context& ctx, int (*service)(std::unordered_map<uint64_t, Record>&),
+               const PinnedMapInfo& map, const std::string& what) {
     requireMaps({{&map, Access::kReadWrite}});
     std::unordered_map<uint64_t, Record> records;
     check(service(records), "harvesting the " + what);
     // The service has emptied the map: these records exist nowhere but in this output now.
-    ctx.outputHoldsOnlyCopy = countOf(records.size(), "harvested record") +
-                              " were removed from " + mapName(map.path) + " and are lost";
+    ctx.outputHoldsOnlyCopy = countOf(records.size(), "harvested record") + " removed from " +
+                              mapName(map.path) + (records.size() == 1 ? " is" : " are") + " lost";
     const Json left = entryCount(map);
     const Rows rows = recordRows(records);
-    if (ctx.jsonOutput()) {
-        printJson(ctx, {{"rows", rows.toJson()}, {"harvested", records.size()}, {"left", left}});
-        return kExitOk;
-    }
-    rows.print();
-    printf("%s harvested and removed from %s (%s entries left)\n",
-           countOf(records.size(), "record").c_str(), mapName(map.path).c_str(),
-           left.dump().c_str());
-    return kExitOk;
+    Output out{{{"rows", rows.toJson()}, {"harvested", records.size()}, {"left", left}}};
+    return std::move(out.table(rows).line(countOf(records.size(), "record") +
+                                          " harvested and removed from " + mapName(map.path) +
+                                          " (" + left.dump() + " entries left)"));
 }
 
 Json configJson(const AppFreezeConfig& config) {
     return {{"word0", config.word0}, {"word1", config.word1}, {"word2", config.word2}};
 }
 
-int getConfig(const Context& ctx) {
+Output getConfig() {
     requireMaps({needs(maps::kAppFreezeConfig, Access::kReadWrite)});
     AppFreezeConfig config{};
     check(bpfGetAppFreezeConfig(config), "reading the freeze configuration");
-    if (ctx.jsonOutput()) {
-        printJson(ctx, configJson(config));
-    } else {
-        Rows rows{{"word0", "word1", "word2"}, {{config.word0, config.word1, config.word2}}};
-        rows.print();
-    }
-    return kExitOk;
+    Output out{configJson(config)};
+    return std::move(
+            out.table({{"word0", "word1", "word2"}, {{config.word0, config.word1, config.word2}}}));
 }
 
-int setConfig(const Context& ctx, const uint32_t (&words)[3]) {
+Output setConfig(const uint32_t (&words)[3]) {
     AppFreezeConfig config{words[0], words[1], words[2]};
     const std::string text = std::to_string(config.word0) + " " + std::to_string(config.word1) +
                              " " + std::to_string(config.word2);
     // The library skips a value equal to the last one this process wrote, and each kovractl run
     // is a fresh process whose last written value is all zero: 0 0 0 is never written.
     const bool skipped = config.word0 == 0 && config.word1 == 0 && config.word2 == 0;
+    Json details = configJson(config);
+    details["written"] = !skipped;
     if (skipped) {
         check(bpfSetAppFreezeConfig(config), "setting the freeze configuration");
-        if (ctx.jsonOutput()) {
-            Json details = configJson(config);
-            details["written"] = false;
-            printJson(ctx, details);
-        } else {
-            printf("freeze configuration %s not written: the library skips a value equal to the "
-                   "last one this process wrote, which is 0 0 0 in a fresh process; the map "
-                   "keeps its record\n",
-                   text.c_str());
-        }
-        return kExitOk;
+        Output out{details};
+        return std::move(out.line("freeze configuration " + text +
+                                  " not written: the library skips a value equal to the last one "
+                                  "this process wrote, which is 0 0 0 in a fresh process; the map "
+                                  "keeps its record"));
     }
     requireMaps({needs(maps::kAppFreezeConfig, Access::kReadWrite)});
-    Json details = configJson(config);
-    details["written"] = true;
-    return reportChange(ctx, bpfSetAppFreezeConfig(config),
-                        "set the freeze configuration to " + text, details);
+    return change(bpfSetAppFreezeConfig(config), "set the freeze configuration to " + text,
+                  details);
 }
 
 }  // namespace
@@ -103,13 +88,13 @@ void addFreezeCommands(CLI::App& app, Context& ctx) {
 
     CLI::App* syns = freeze->add_subcommand(
             "syns", "Harvest the connection-attempt records: show them, then empty the map");
-    onRun(syns, ctx, [&ctx] {
+    onShow(syns, ctx, [&ctx] {
         return harvest(ctx, bpfFetchAppFreezeSyns, rowOf(maps::kAppFreezeSyn.path),
                        "connection-attempt records");
     });
     CLI::App* stats = freeze->add_subcommand(
             "stats", "Harvest the traffic records: show them, then empty the map");
-    onRun(stats, ctx, [&ctx] {
+    onShow(stats, ctx, [&ctx] {
         return harvest(ctx, bpfFetchAppFreezeStats, rowOf(maps::kAppFreezeStats.path),
                        "traffic records");
     });
@@ -117,7 +102,7 @@ void addFreezeCommands(CLI::App& app, Context& ctx) {
     CLI::App* config = freeze->add_subcommand("config", "The freeze accounting's settings")
                                ->require_subcommand(1);
     CLI::App* get = config->add_subcommand("get", "Show the configuration record");
-    onRun(get, ctx, [&ctx] { return getConfig(ctx); });
+    onShow(get, ctx, getConfig);
     CLI::App* set = config->add_subcommand(
             "set",
             "Write the configuration record (skipped when it equals the last one written "
@@ -125,7 +110,7 @@ void addFreezeCommands(CLI::App& app, Context& ctx) {
     addNumber(set, "W0", opts->words[0], "First word");
     addNumber(set, "W1", opts->words[1], "Second word");
     addNumber(set, "W2", opts->words[2], "Third word");
-    onRun(set, ctx, [&ctx, opts] { return setConfig(ctx, opts->words); });
+    onShow(set, ctx, [opts] { return setConfig(opts->words); });
 }
 
 }  // namespace kovra::tool

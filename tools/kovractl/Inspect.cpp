@@ -5,48 +5,20 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <bpf/bpf.h>
-#include <bpf/libbpf.h>
-
 #include "ToolError.h"
 
 namespace kovra::tool {
 
 using android::bpf::PinnedMapInfo;
+using sandbox::MapInfo;
+using sandbox::RawMap;
 
 namespace {
-
-// A descriptor closed on every way out.
-class Fd {
-  public:
-    explicit Fd(int fd) : mFd(fd) {}
-    Fd(const Fd&) = delete;
-    Fd& operator=(const Fd&) = delete;
-    ~Fd() {
-        if (mFd >= 0) close(mFd);
-    }
-    int get() const { return mFd; }
-
-  private:
-    int mFd;
-};
-
-int openPinned(const char* path, Access access) {
-    LIBBPF_OPTS(bpf_obj_get_opts, opts,
-                .file_flags = access == Access::kReadOnly ? static_cast<uint32_t>(BPF_F_RDONLY) : 0u);
-    return bpf_obj_get_opts(path, &opts);
-}
 
 // The record types are plain bytes in hash-like maps. A per-CPU map would return one value per
 // CPU into a buffer sized for one, and the other kinds hold no such records.
 bool fitsRecords(uint32_t type) {
-    return type == BPF_MAP_TYPE_HASH || type == BPF_MAP_TYPE_LRU_HASH ||
-           type == BPF_MAP_TYPE_ARRAY;
-}
-
-std::string typeName(uint32_t type) {
-    const char* name = libbpf_bpf_map_type_str(static_cast<bpf_map_type>(type));
-    return name != nullptr ? name : "type " + std::to_string(type);
+    return type == BPF_MAP_TYPE_HASH || type == BPF_MAP_TYPE_LRU_HASH || type == BPF_MAP_TYPE_ARRAY;
 }
 
 // True when another open file description holds a write lock on the map's id byte, which makes
@@ -58,17 +30,6 @@ bool writeLocked(int fd, uint32_t id) {
     lock.l_start = id;
     lock.l_len = 1;
     return fcntl(fd, F_OFD_GETLK, &lock) == 0 && lock.l_type != F_UNLCK;
-}
-
-size_t countKeys(int fd, uint32_t keySize) {
-    std::vector<uint8_t> key(keySize), next(keySize);
-    size_t count = 0;
-    for (const void* previous = nullptr; bpf_map_get_next_key(fd, previous, next.data()) == 0;
-         previous = key.data()) {
-        key.swap(next);
-        ++count;
-    }
-    return count;
 }
 
 MapState fail(MapState state, const std::string& word, const std::string& problem) {
@@ -96,51 +57,55 @@ MapState inspectMap(const PinnedMapInfo& row, Access access) {
     struct stat st;
     if (stat(row.path, &st) != 0) {
         return errno == ENOENT ? fail(state, "missing", "not pinned")
-                               : fail(state, "no-access", std::string("cannot be looked at: ") +
-                                                                  strerror(errno));
+                               : fail(state, "no-access",
+                                      std::string("cannot be looked at: ") + strerror(errno));
     }
     if (S_ISDIR(st.st_mode)) return fail(state, "not-a-map", "a directory, not a pinned map");
-    Fd fd(openPinned(row.path, Access::kReadOnly));
-    if (fd.get() < 0) {
-        const int err = errno;
-        return err == EACCES || err == EPERM
-                       ? fail(state, "no-access", std::string("cannot be opened: ") + strerror(err))
+    std::optional<RawMap> map;
+    MapInfo info;
+    try {
+        map.emplace(RawMap::open(row.path, Access::kReadOnly));
+    } catch (const sandbox::Error& error) {
+        return error.code() == EACCES || error.code() == EPERM
+                       ? fail(state, "no-access",
+                              std::string("cannot be opened: ") + strerror(error.code()))
                        : fail(state, "not-a-map",
-                              std::string("not a pinned map: ") + strerror(err));
+                              std::string("not a pinned map: ") + strerror(error.code()));
     }
-    bpf_map_info info = {};
-    uint32_t length = sizeof(info);
-    if (bpf_obj_get_info_by_fd(fd.get(), &info, &length) != 0) {
-        return fail(state, "not-a-map", std::string("not a map: ") + strerror(errno));
+    try {
+        info = map->info();
+        state.type = sandbox::mapTypeName(info.type);
+        state.keySize = info.keySize;
+        state.valueSize = info.valueSize;
+        state.flags = info.flags;
+        state.entries = map->rawKeys(info.keySize).size();
+    } catch (const sandbox::Error& error) {
+        return fail(state, "not-a-map", std::string("not a map: ") + strerror(error.code()));
     }
-    state.type = typeName(info.type);
-    state.keySize = info.key_size;
-    state.valueSize = info.value_size;
-    state.flags = info.map_flags;
-    state.entries = countKeys(fd.get(), info.key_size);
 
     if (!fitsRecords(info.type)) {
         return fail(state, "wrong-type",
                     "type " + *state.type + ", expected hash, lru_hash or array");
     }
-    if (info.key_size != row.keySize || info.value_size != row.valueSize) {
+    if (info.keySize != row.keySize || info.valueSize != row.valueSize) {
         return fail(state, "wrong-size",
-                    "key/value sizes " + sizes(info.key_size, info.value_size) + ", expected " +
+                    "key/value sizes " + sizes(info.keySize, info.valueSize) + ", expected " +
                             sizes(row.keySize, row.valueSize));
     }
-    if (info.map_flags & BPF_F_WRONLY) {
+    if (info.flags & BPF_F_WRONLY) {
         return fail(state, "write-only", "flags mark it write-only, the library reads every map");
     }
     if (access == Access::kReadWrite) {
-        if (info.map_flags & BPF_F_RDONLY) {
+        if (info.flags & BPF_F_RDONLY) {
             return fail(state, "read-only", "flags mark it read-only, the service writes to it");
         }
-        Fd writable(openPinned(row.path, Access::kReadWrite));
-        if (writable.get() < 0) {
+        try {
+            RawMap::open(row.path, Access::kReadWrite);
+        } catch (const sandbox::Error& error) {
             return fail(state, "no-access",
-                        std::string("cannot be opened for writing: ") + strerror(errno));
+                        std::string("cannot be opened for writing: ") + strerror(error.code()));
         }
-        if (writeLocked(fd.get(), info.id)) {
+        if (writeLocked(map->fd(), info.id)) {
             return fail(state, "locked", "write-locked by another process");
         }
     }
@@ -162,37 +127,23 @@ void requireMaps(const MapNeeds& maps) {
     }
     if (!problems.empty()) {
         throw ToolError(kExitEnvironment,
-                        problems + "\nnothing was changed; `kovractl maps` shows every "
-                                   "map, `kovractl sandbox` gives a private set to try things on");
+                        problems +
+                                "\nnothing was changed; `kovractl maps` shows every "
+                                "map, `kovractl sandbox` gives a private set to try things on");
     }
 }
 
-std::vector<std::pair<std::vector<uint8_t>, std::vector<uint8_t>>> readEntries(
-        const PinnedMapInfo& row) {
-    // Records are read into buffers of the catalogue's sizes, which the map must have.
+std::vector<std::pair<sandbox::Bytes, sandbox::Bytes>> readEntries(const PinnedMapInfo& row) {
+    // Records are read into buffers of the map's sizes, which must be the catalogue's.
     if (const MapState state = inspectMap(row, Access::kReadOnly); state.state != "ok") {
         throw ToolError(kExitEnvironment,
                         std::string(row.path) + ": " + state.state + ": " + state.problem);
     }
-    Fd fd(openPinned(row.path, Access::kReadOnly));
-    if (fd.get() < 0) {
-        throw ToolError(kExitEnvironment,
-                        std::string(row.path) + ": cannot be opened: " + strerror(errno));
+    try {
+        return RawMap::open(row.path, Access::kReadOnly).rawEntries();
+    } catch (const sandbox::Error& error) {
+        throw ToolError(kExitEnvironment, error.what());
     }
-    std::vector<std::pair<std::vector<uint8_t>, std::vector<uint8_t>>> entries;
-    std::vector<uint8_t> key(row.keySize), next(row.keySize), value(row.valueSize);
-    for (const void* previous = nullptr; bpf_map_get_next_key(fd.get(), previous, next.data()) == 0;
-         previous = key.data()) {
-        key.swap(next);
-        if (bpf_map_lookup_elem(fd.get(), key.data(), value.data()) == 0) {
-            entries.emplace_back(key, value);
-        }
-    }
-    if (errno != ENOENT) {
-        throw ToolError(kExitEnvironment,
-                        std::string(row.path) + ": reading its keys failed: " + strerror(errno));
-    }
-    return entries;
 }
 
 }  // namespace kovra::tool

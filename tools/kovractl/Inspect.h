@@ -13,12 +13,11 @@
 #include <vector>
 
 #include <kovrabpf/KovraPinnedMaps.h>
+#include <kovrasandbox/Maps.h>
 
 namespace kovra::tool {
 
-// How the command's service opens a map: read-only (no lock), or read-write, which takes the
-// shared lock and refuses a map whose flags make it read-only.
-enum class Access { kReadOnly, kReadWrite };
+using sandbox::Access;
 
 // What kovractl finds at a catalogue path. `state` is "ok" or one word for the first thing that
 // the library would refuse: missing, not-a-map, no-access, wrong-type, wrong-size, read-only,
@@ -40,8 +39,8 @@ MapState inspectMap(const android::bpf::PinnedMapInfo& row, Access access);
 const android::bpf::PinnedMapInfo& rowOf(const char* path);
 
 template <typename K, typename V>
-std::pair<const android::bpf::PinnedMapInfo*, Access> needs(const android::bpf::PinnedMap<K, V>& map,
-                                                            Access access) {
+std::pair<const android::bpf::PinnedMapInfo*, Access> needs(
+        const android::bpf::PinnedMap<K, V>& map, Access access) {
     return {&rowOf(map.path), access};
 }
 using MapNeeds = std::vector<std::pair<const android::bpf::PinnedMapInfo*, Access>>;
@@ -51,10 +50,9 @@ using MapNeeds = std::vector<std::pair<const android::bpf::PinnedMapInfo*, Acces
 // one line per map.
 void requireMaps(const MapNeeds& maps);
 
-// Every entry of a map, read through a read-only handle in the kernel's walk order. An entry
-// deleted between listing its key and reading it is left out. Throws a ToolError (exit 3) when
-// the map cannot be opened or read.
-std::vector<std::pair<std::vector<uint8_t>, std::vector<uint8_t>>> readEntries(
+// Every entry of a map, read through a read-only handle in the kernel's walk order (see
+// kovrasandbox/Maps.h). Throws a ToolError (exit 3) when the map is not ok or cannot be read.
+std::vector<std::pair<sandbox::Bytes, sandbox::Bytes>> readEntries(
         const android::bpf::PinnedMapInfo& row);
 
 template <typename K, typename V>

@@ -29,71 +29,72 @@ const char* familyName(MapFamily family) {
     return "?";
 }
 
-// The maps that no service opens read-write; the others must also be writable and unlocked.
-Access accessOf(const PinnedMapInfo& row) {
-    for (const char* path : {maps::kNetdAppUidStats.path, maps::kUidPurStats.path,
-                             maps::kAppTcpFinDrop.path, maps::kAppTcpOutImHb.path,
-                             maps::kAppTcpOutAlign.path, maps::kAppTcpInKeepAlive.path,
-                             maps::kAppTcpReinwakeup.path, maps::kAppTcpReoutwakeup.path}) {
-        if (strcmp(row.path, path) == 0) return Access::kReadOnly;
-    }
-    return Access::kReadWrite;
-}
-
 Json optional(const std::optional<uint32_t>& value) {
     return value ? Json(*value) : Json(nullptr);
 }
 
-int listMaps(const Context& ctx) {
+Output listMaps() {
     Rows rows{{"name", "family", "type", "keySize", "valueSize", "entries", "state"}, {}};
-    Json json = Json::array();
+    Output out{Json::array()};
     std::vector<std::string> problems;
     for (const PinnedMapInfo& row : kPinnedMaps) {
-        const MapState s = inspectMap(row, accessOf(row));
+        const MapState s = inspectMap(row, row.access);
         const Json type = s.type ? Json(*s.type) : Json(nullptr);
         const Json entries = s.entries ? Json(*s.entries) : Json(nullptr);
-        rows.rows.push_back({mapName(row.path), familyName(row.family), type,
-                             optional(s.keySize), optional(s.valueSize), entries, s.state});
-        json.push_back({{"name", mapName(row.path)},
-                        {"path", row.path},
-                        {"family", familyName(row.family)},
-                        {"access", accessOf(row) == Access::kReadOnly ? "read-only" : "read-write"},
-                        {"type", type},
-                        {"keySize", optional(s.keySize)},
-                        {"valueSize", optional(s.valueSize)},
-                        {"expectedKeySize", row.keySize},
-                        {"expectedValueSize", row.valueSize},
-                        {"entries", entries},
-                        {"state", s.state},
-                        {"problem", s.problem.empty() ? Json(nullptr) : Json(s.problem)}});
+        rows.rows.push_back({mapName(row.path), familyName(row.family), type, optional(s.keySize),
+                             optional(s.valueSize), entries, s.state});
+        out.json.push_back(
+                {{"name", mapName(row.path)},
+                 {"path", row.path},
+                 {"family", familyName(row.family)},
+                 {"access", row.access == Access::kReadOnly ? "read-only" : "read-write"},
+                 {"type", type},
+                 {"keySize", optional(s.keySize)},
+                 {"valueSize", optional(s.valueSize)},
+                 {"expectedKeySize", row.keySize},
+                 {"expectedValueSize", row.valueSize},
+                 {"entries", entries},
+                 {"state", s.state},
+                 {"problem", s.problem.empty() ? Json(nullptr) : Json(s.problem)}});
         if (!s.problem.empty()) problems.push_back(mapName(row.path) + ": " + s.problem);
     }
-    if (ctx.jsonOutput()) {
-        printJson(ctx, json);
-    } else {
-        rows.print();
-        for (const std::string& line : problems) printf("%s\n", line.c_str());
-    }
-    return problems.empty() ? kExitOk : kExitEnvironment;
+    out.table(rows);
+    for (const std::string& line : problems) out.line(line);
+    out.exitCode = problems.empty() ? kExitOk : kExitEnvironment;
+    return out;
 }
 
 // Record fields as JSON, by record type; a plain number takes the name its map gives it.
-void decode(Json& o, const char* name, uint32_t v) { o[name] = v; }
-void decode(Json& o, const char* name, uint64_t v) { o[name] = v; }
+void decode(Json& o, const char* name, uint32_t v) {
+    o[name] = v;
+}
+void decode(Json& o, const char* name, uint64_t v) {
+    o[name] = v;
+}
 void decode(Json& o, const char*, const StatsValue& v) {
-    o.update({{"rxPackets", v.rxPackets}, {"rxBytes", v.rxBytes},
-              {"txPackets", v.txPackets}, {"txBytes", v.txBytes}});
+    o.update({{"rxPackets", v.rxPackets},
+              {"rxBytes", v.rxBytes},
+              {"txPackets", v.txPackets},
+              {"txBytes", v.txBytes}});
 }
 void decode(Json& o, const char*, const KovraStatsValue& v) {
-    o.update({{"rxPackets", v.rxPackets}, {"rxBytes", v.rxBytes}, {"txPackets", v.txPackets},
-              {"txBytes", v.txBytes}, {"extra0", v.extra0}, {"extra1", v.extra1}});
+    o.update({{"rxPackets", v.rxPackets},
+              {"rxBytes", v.rxBytes},
+              {"txPackets", v.txPackets},
+              {"txBytes", v.txBytes},
+              {"extra0", v.extra0},
+              {"extra1", v.extra1}});
 }
 template <size_t N>
 void decodeWords(Json& o, const uint64_t (&words)[N]) {
     for (size_t w = 0; w < N; ++w) o["data" + std::to_string(w)] = words[w];
 }
-void decode(Json& o, const char*, const AppFreezeSynInfo& v) { decodeWords(o, v.data); }
-void decode(Json& o, const char*, const AppFreezeStatsInfo& v) { decodeWords(o, v.data); }
+void decode(Json& o, const char*, const AppFreezeSynInfo& v) {
+    decodeWords(o, v.data);
+}
+void decode(Json& o, const char*, const AppFreezeStatsInfo& v) {
+    decodeWords(o, v.data);
+}
 void decode(Json& o, const char*, const AppFreezeConfig& v) {
     o.update({{"word0", v.word0}, {"word1", v.word1}, {"word2", v.word2}});
 }
@@ -113,7 +114,9 @@ void decode(Json& o, const char*, const SpeedsValue& v) {
 }
 void decode(Json& o, const char*, const SocketTuple& v) {
     in_addr address{v.remoteAddr4};
-    o.update({{"ifindex", v.ifindex}, {"ipv4Valid", v.ipv4Valid}, {"remoteAddr4", inet_ntoa(address)}});
+    o.update({{"ifindex", v.ifindex},
+              {"ipv4Valid", v.ipv4Valid},
+              {"remoteAddr4", inet_ntoa(address)}});
 }
 void decode(Json& o, const char*, const IfIndexSpeedConfig& v) {
     o.update({{"enable", v.enable}, {"localEnable", v.localEnable}});
@@ -129,8 +132,8 @@ struct Dumper {
 };
 
 template <typename K, typename V>
-Dumper dumper(const PinnedMap<K, V>& map, const char* keyName, const char* valueName) {
-    return {map.path, [&map, keyName, valueName] {
+Dumper dumper(const PinnedMap<K, V>& map) {
+    return {map.path, [&map, keyName = map.keyLabel, valueName = map.valueLabel] {
                 Rows rows;
                 Json names = Json::object();
                 decode(names, keyName, K{});
@@ -149,35 +152,11 @@ Dumper dumper(const PinnedMap<K, V>& map, const char* keyName, const char* value
 }
 
 const std::vector<Dumper>& dumpers() {
-    static const std::vector<Dumper> all = {
-            dumper(maps::kNetdAppUidStats, "uid", ""),
-            dumper(maps::kUidPurStats, "uid", ""),
-            dumper(maps::kAppFreezeSyn, "key", ""),
-            dumper(maps::kAppFreezeStats, "key", ""),
-            dumper(maps::kAppFreezeConfig, "key", ""),
-            dumper(maps::kAppSocketSpeeds, "cookie", ""),
-            dumper(maps::kAppSocketInfo, "cookie", ""),
-            dumper(maps::kAppSocketSpeedsIfindex, "ifindex", ""),
-            dumper(maps::kAppUidSpeeds, "", ""),
-            dumper(maps::kAppSocketSpeedsConfig, "key", "config"),
-            dumper(maps::kAppTcpFinDrop, "uid", "count"),
-            dumper(maps::kAppTcpInwakeup, "uid", "count"),
-            dumper(maps::kAppTcpOutwakeup, "uid", "count"),
-            dumper(maps::kAppTcpWakeupduration, "uid", "count"),
-            dumper(maps::kAppTcpOutImHb, "uid", "count"),
-            dumper(maps::kAppTcpOutAlign, "uid", "count"),
-            dumper(maps::kAppTcpInKeepAlive, "uid", "count"),
-            dumper(maps::kAppTcpReinwakeup, "uid", "count"),
-            dumper(maps::kAppTcpReoutwakeup, "uid", "count"),
-            dumper(maps::kImAppHbLen, "uid", "hbLen"),
-            dumper(maps::kScreenState, "key", "value"),
-            dumper(maps::kOverflowingMapCheck, "bit", "flag"),
-            dumper(maps::kSkTcpCookieInSeq, "cookie", "seq"),
-            dumper(maps::kSkTcpCookieOutSeq, "cookie", "seq"),
-            dumper(maps::kSkTcpCookieOutAck, "cookie", "ack"),
-            dumper(maps::kAppNetDisconnLimit, "uid", "value"),
-            dumper(maps::kAppVuskLimit, "uid", "value"),
-    };
+    static const std::vector<Dumper> all = [] {
+        std::vector<Dumper> dumpers;
+        forEachMap([&](const auto& map) { dumpers.push_back(dumper(map)); });
+        return dumpers;
+    }();
     return all;
 }
 
@@ -187,11 +166,9 @@ std::vector<std::string> dumpNames() {
     return names;
 }
 
-int dump(const Context& ctx, const std::vector<std::string>& names) {
+Output dump(const std::vector<std::string>& names) {
     if (geteuid() != 0) requireMaps({});
-    Json json = Json::object();
-    bool complete = true;
-    const char* separator = "";
+    Output out{Json::object()};
     for (const Dumper& d : dumpers()) {
         const std::string name = mapName(d.path);
         if (!names.empty() && std::find(names.begin(), names.end(), name) == names.end()) continue;
@@ -200,21 +177,17 @@ int dump(const Context& ctx, const std::vector<std::string>& names) {
             // The others are still shown; the exit code tells that one was not.
             fprintf(stderr, "kovractl: %s: %s: %s\n", d.path, state.state.c_str(),
                     state.problem.c_str());
-            json[name] = nullptr;
-            complete = false;
+            out.json[name] = nullptr;
+            out.exitCode = kExitEnvironment;
             continue;
         }
         const Rows rows = d.read();
-        if (ctx.jsonOutput()) {
-            json[name] = rows.toJson();
-            continue;
-        }
-        printf("%s== %s (%s)\n", separator, name.c_str(), countOf(rows.rows.size(), "entry").c_str());
-        separator = "\n";
-        if (!rows.rows.empty()) rows.print();
+        out.json[name] = rows.toJson();
+        if (!out.text.empty()) out.line("");
+        out.line("== " + name + " (" + countOf(rows.rows.size(), "entry") + ")");
+        if (!rows.rows.empty()) out.table(rows);
     }
-    if (ctx.jsonOutput()) printJson(ctx, json);
-    return complete ? kExitOk : kExitEnvironment;
+    return out;
 }
 
 }  // namespace
@@ -225,7 +198,7 @@ void addMapsCommand(CLI::App& app, Context& ctx) {
             "List the catalogue's maps with their type, sizes, entry count and state: whether "
             "the library would accept each for the access its services need (exit 3 when one "
             "is not ok)");
-    onRun(maps, ctx, [&ctx] { return listMaps(ctx); });
+    onShow(maps, ctx, listMaps);
 
     auto names = std::make_shared<std::vector<std::string>>();
     CLI::App* dumpCommand = app.add_subcommand(
@@ -234,7 +207,7 @@ void addMapsCommand(CLI::App& app, Context& ctx) {
             "their record types; read-only: nothing is pruned or harvested");
     dumpCommand->add_option("MAP", *names, "Maps by short name, as `kovractl maps` lists them")
             ->check(CLI::IsMember(dumpNames()));
-    onRun(dumpCommand, ctx, [&ctx, names] { return dump(ctx, *names); });
+    onShow(dumpCommand, ctx, [names] { return dump(*names); });
 }
 
 }  // namespace kovra::tool

@@ -1,7 +1,9 @@
 // kovractl net: cutting apps off the network, letting them back on, and who is cut off.
-#include <kovrabpf/KovraBpfNetworkStats.h>
+#include <limits.h>
 
 #include <map>
+
+#include <kovrabpf/KovraBpfNetworkStats.h>
 
 #include "Commands.h"
 
@@ -11,9 +13,12 @@ using namespace android::bpf;
 
 namespace {
 
+constexpr char kLegacyHelp[] =
+        "The legacy firewall switch: RULE 1 allows the app (exit 1 when it was not blocked), any "
+        "other RULE blocks it";
+
 struct NetOptions {
-    uint32_t uid = 0;
-    uint32_t rule = 0;
+    uint32_t uid = 0, rule = 0;
 };
 
 // The services take the UID as int and use its bits unchanged as the unsigned key.
@@ -23,35 +28,35 @@ int asServiceUid(uint32_t uid) {
     return value;
 }
 
-int block(const Context& ctx, uint32_t uid, bool blocked) {
+Output block(uint32_t uid, bool blocked) {
     requireMaps({needs(maps::kAppNetDisconnLimit, Access::kReadWrite)});
-    const int status = blocked ? bpfDisableNetwork(asServiceUid(uid))
-                               : bpfEnableNetwork(asServiceUid(uid));
-    return reportChange(ctx, status, (blocked ? "block UID " : "unblock UID ") + std::to_string(uid),
-                        {{"uid", uid}, {"action", blocked ? "block" : "unblock"}});
+    const int status =
+            blocked ? bpfDisableNetwork(asServiceUid(uid)) : bpfEnableNetwork(asServiceUid(uid));
+    return change(status, (blocked ? "block UID " : "unblock UID ") + std::to_string(uid),
+                  {{"uid", uid}, {"action", blocked ? "block" : "unblock"}});
 }
 
-int legacy(const Context& ctx, uint32_t uid, uint32_t rule) {
+Output legacy(uint32_t uid, uint32_t rule) {
     requireMaps({needs(maps::kAppVuskLimit, Access::kReadWrite)});
     const std::string action = rule == 1 ? "allow" : "block";
-    return reportChange(ctx, bpfLegacySetFirewall(asServiceUid(uid), static_cast<int>(rule)),
-                        "legacy firewall " + action + " UID " + std::to_string(uid),
-                        {{"uid", uid}, {"rule", rule}, {"action", action}});
+    return change(bpfLegacySetFirewall(asServiceUid(uid), static_cast<int>(rule)),
+                  "legacy firewall " + action + " UID " + std::to_string(uid),
+                  {{"uid", uid}, {"rule", rule}, {"action", action}});
 }
 
 // Every UID with an entry in either map.
-int list(const Context& ctx) {
+Output list() {
     requireMaps({needs(maps::kAppNetDisconnLimit, Access::kReadOnly),
                  needs(maps::kAppVuskLimit, Access::kReadOnly)});
     std::map<uint32_t, std::pair<Json, Json>> byUid;
-    for (const auto& [uid, value] : readEntries(maps::kAppNetDisconnLimit)) byUid[uid].first = value;
+    for (const auto& [uid, value] : readEntries(maps::kAppNetDisconnLimit))
+        byUid[uid].first = value;
     for (const auto& [uid, value] : readEntries(maps::kAppVuskLimit)) byUid[uid].second = value;
     Rows rows{{"uid", "disconnected", "legacyBlocked"}, {}};
     for (const auto& [uid, values] : byUid) {
         rows.rows.push_back({uid, values.first, values.second});
     }
-    printRows(ctx, rows, "UID");
-    return kExitOk;
+    return listing(rows, "UID");
 }
 
 }  // namespace
@@ -61,26 +66,24 @@ void addNetCommands(CLI::App& app, Context& ctx) {
     CLI::App* net = app.add_subcommand("net", "Per-app network blocking")->require_subcommand(1);
 
     CLI::App* listCommand = net->add_subcommand(
-            "list", "The UIDs with an entry in the disconnect map or the legacy map, and its value");
-    onRun(listCommand, ctx, [&ctx] { return list(ctx); });
+            "list",
+            "The UIDs with an entry in the disconnect map or the legacy map, and its value");
+    onShow(listCommand, ctx, list);
 
     CLI::App* blockCommand = net->add_subcommand("block", "Cut the app off the network");
     addNumber(blockCommand, "UID", opts->uid, "The app's UID");
-    onRun(blockCommand, ctx, [&ctx, opts] { return block(ctx, opts->uid, true); });
+    onShow(blockCommand, ctx, [opts] { return block(opts->uid, true); });
 
     CLI::App* unblockCommand = net->add_subcommand(
             "unblock", "Let the app back on the network (exit 1 when it was not blocked)");
     addNumber(unblockCommand, "UID", opts->uid, "The app's UID");
-    onRun(unblockCommand, ctx, [&ctx, opts] { return block(ctx, opts->uid, false); });
+    onShow(unblockCommand, ctx, [opts] { return block(opts->uid, false); });
 
-    CLI::App* legacyCommand = net->add_subcommand(
-            "legacy",
-            "The legacy firewall switch: RULE 1 allows the app (exit 1 when it was not "
-            "blocked), any other RULE blocks it");
+    CLI::App* legacyCommand = net->add_subcommand("legacy", kLegacyHelp);
     addNumber(legacyCommand, "UID", opts->uid, "The app's UID");
-    addNumber(legacyCommand, "RULE", opts->rule, "1 allows, anything else blocks",
-              std::numeric_limits<int>::max());
-    onRun(legacyCommand, ctx, [&ctx, opts] { return legacy(ctx, opts->uid, opts->rule); });
+    // The service takes the rule as int.
+    addNumber(legacyCommand, "RULE", opts->rule, "1 allows, anything else blocks", INT_MAX);
+    onShow(legacyCommand, ctx, [opts] { return legacy(opts->uid, opts->rule); });
 }
 
 }  // namespace kovra::tool

@@ -15,6 +15,7 @@
 #include <unistd.h>
 
 #include <kovrasandbox/Bpffs.h>
+#include <kovrasandbox/Child.h>
 #include <kovrasandbox/Maps.h>
 #include <kovrasandbox/Netns.h>
 #include <kovrasandbox/Seed.h>
@@ -24,7 +25,7 @@
 // The live side is the desk's own stand-in for the platform's eBPF programs; a device build of
 // kovractl, where the platform's programs fill the maps, has none and no --live.
 #ifdef KOVRA_LIVE_SIDE
-#include <Live.h>
+#include <kovralive/Live.h>
 #endif
 
 namespace kovra::tool {
@@ -34,16 +35,13 @@ namespace {
 // every map of the catalogue; the machine's (if it has one) stays as it is, and ours vanishes
 // with the last of them.
 void standUp(bool seed) {
-    const std::string problem = sandbox::enterPrivateBpffs();
-    if (!problem.empty()) {
-        const char* hint = geteuid() != 0 ? "; try: sudo kovractl sandbox" : "";
-        throw ToolError(kExitEnvironment, "sandbox: " + problem + hint);
-    }
     try {
+        sandbox::enterPrivateBpffs();
         sandbox::createCatalogueMaps();
         if (seed) sandbox::seedDemo();
     } catch (const sandbox::Error& error) {
-        throw ToolError(kExitEnvironment, std::string("sandbox: ") + error.what());
+        const char* hint = geteuid() != 0 ? "; try: sudo kovractl sandbox" : "";
+        throw ToolError(kExitEnvironment, std::string("sandbox: ") + error.what() + hint);
     }
 }
 
@@ -91,8 +89,10 @@ std::vector<char*> argvOf(std::vector<std::string>& command) {
 // machine's network, and the programs attached to a private cgroup.
 std::unique_ptr<live::LiveSide> goLive() {
     sandbox::PrivateNetwork network;
-    if (const std::string problem = sandbox::enterPrivateNetwork(network); !problem.empty()) {
-        throw ToolError(kExitEnvironment, "sandbox: " + problem);
+    try {
+        sandbox::enterPrivateNetwork(network);
+    } catch (const sandbox::Error& error) {
+        throw ToolError(kExitEnvironment, std::string("sandbox: ") + error.what());
     }
     struct stat netns;
     if (stat("/proc/self/ns/net", &netns) == 0) {
@@ -126,7 +126,7 @@ int runMeasured(const live::LiveSide& live, std::vector<char*>& argv) {
     if (measured < 0)
         throw ToolError(kExitEnvironment, std::string("sandbox: fork: ") + strerror(errno));
     if (measured == 0) {
-        live::dieWithParent(self);
+        sandbox::dieWithParent(self);
         restoreSignals();
         try {
             live::joinCgroup(live.cgroup());

@@ -1,6 +1,7 @@
 // kovractl wakeup and kovractl screen: the TCP wake-up detector's per-UID counters, the IM
 // heartbeat lengths and the screen-state switch with the overflowing maps it resets.
 #include <kovrabpf/KovraBpfNetworkStats.h>
+#include <kovrabpf/KovraKernelContract.h>
 
 #include <map>
 
@@ -67,9 +68,12 @@ std::vector<std::string> shortNames() {
 
 // The maps the screen-on reset clears, by their bit in the overflow check map.
 const std::vector<std::pair<uint32_t, const char*>> kOverflowBits = {
-        {1, maps::kSkTcpCookieInSeq.path},  {2, maps::kSkTcpCookieOutSeq.path},
-        {4, maps::kSkTcpCookieOutAck.path}, {8, maps::kAppTcpInwakeup.path},
-        {16, maps::kAppTcpOutwakeup.path},  {32, maps::kAppTcpWakeupduration.path}};
+        {KOVRA_OVERFLOW_IN_SEQ, maps::kSkTcpCookieInSeq.path},
+        {KOVRA_OVERFLOW_OUT_SEQ, maps::kSkTcpCookieOutSeq.path},
+        {KOVRA_OVERFLOW_OUT_ACK, maps::kSkTcpCookieOutAck.path},
+        {KOVRA_OVERFLOW_INWAKEUP, maps::kAppTcpInwakeup.path},
+        {KOVRA_OVERFLOW_OUTWAKEUP, maps::kAppTcpOutwakeup.path},
+        {KOVRA_OVERFLOW_WAKEUPDURATION, maps::kAppTcpWakeupduration.path}};
 
 struct WakeupOptions {
     std::vector<std::string> maps;
@@ -117,21 +121,21 @@ int readCounters(const Context& ctx, const WakeupOptions& opts) {
     return present(ctx, opts.list, view);
 }
 
-int listHeartbeats(const Context& ctx) {
+Output listHeartbeats() {
     requireMaps({needs(maps::kImAppHbLen, Access::kReadOnly)});
     Rows rows{{"uid", "hbLen"}, {}};
-    for (const auto& [uid, length] : readEntries(maps::kImAppHbLen)) rows.rows.push_back({uid, length});
+    for (const auto& [uid, length] : readEntries(maps::kImAppHbLen))
+        rows.rows.push_back({uid, length});
     std::sort(rows.rows.begin(), rows.rows.end());
-    printRows(ctx, rows, "heartbeat length");
-    return kExitOk;
+    return listing(rows, "heartbeat length");
 }
 
-int addHeartbeat(const Context& ctx, uint32_t uid, uint32_t hbLen) {
+Output addHeartbeat(uint32_t uid, uint32_t hbLen) {
     requireMaps({needs(maps::kImAppHbLen, Access::kReadWrite)});
-    return reportChange(ctx, bpfAddAppImHbLenMap(uid, hbLen),
-                        "set the heartbeat length of UID " + std::to_string(uid) + " to " +
-                                std::to_string(hbLen),
-                        {{"uid", uid}, {"hbLen", hbLen}});
+    return change(bpfAddAppImHbLenMap(uid, hbLen),
+                  "set the heartbeat length of UID " + std::to_string(uid) + " to " +
+                          std::to_string(hbLen),
+                  {{"uid", uid}, {"hbLen", hbLen}});
 }
 
 // The overflow flags by bit; an absent entry is null.
@@ -144,36 +148,37 @@ std::map<uint32_t, Json> overflowFlags() {
     return flags;
 }
 
-int showScreen(const Context& ctx) {
+Output showScreen() {
     requireMaps({needs(maps::kScreenState, Access::kReadOnly),
                  needs(maps::kOverflowingMapCheck, Access::kReadOnly)});
-    std::map<uint32_t, Json> state = {{1, nullptr}, {2, nullptr}, {3, nullptr}};
+    std::map<uint32_t, Json> state = {{KOVRA_SCREEN_CODE_KEY, nullptr},
+                                      {KOVRA_SCREEN_OFF_STAMP_KEY, nullptr},
+                                      {KOVRA_SCREEN_ON_STAMP_KEY, nullptr}};
     for (const auto& [key, value] : readEntries(maps::kScreenState)) state[key] = value;
-    const Json code = state[1];
-    const Json name = code == 2 ? Json("on") : code == 1 ? Json("off") : Json(nullptr);
+    const Json code = state[KOVRA_SCREEN_CODE_KEY];
+    const Json name = code == KOVRA_SCREEN_ON    ? Json("on")
+                      : code == KOVRA_SCREEN_OFF ? Json("off")
+                                                 : Json(nullptr);
     Rows overflow{{"bit", "map", "flag", "entries"}, {}};
     const std::map<uint32_t, Json> flags = overflowFlags();
     for (const auto& [bit, path] : kOverflowBits) {
         overflow.rows.push_back({bit, mapName(path), flags.at(bit), entryCount(rowOf(path))});
     }
-    if (ctx.jsonOutput()) {
-        printJson(ctx, {{"state", name},
-                        {"stateCode", code},
-                        {"offStamp", state[2]},
-                        {"onStamp", state[3]},
-                        {"overflow", overflow.toJson()}});
-        return kExitOk;
-    }
+    const Json off = state[KOVRA_SCREEN_OFF_STAMP_KEY], on = state[KOVRA_SCREEN_ON_STAMP_KEY];
+    Output out{{{"state", name},
+                {"stateCode", code},
+                {"offStamp", off},
+                {"onStamp", on},
+                {"overflow", overflow.toJson()}}};
     auto text = [](const Json& value) { return value.is_null() ? std::string("-") : value.dump(); };
-    printf("screen: %s (state code %s), last off at stamp %s, last on at stamp %s\n",
-           name.is_null() ? "never set" : name.get<std::string>().c_str(), text(code).c_str(),
-           text(state[2]).c_str(), text(state[3]).c_str());
-    printf("overflow flags (1: reset by the next `screen on`):\n");
-    overflow.print();
-    return kExitOk;
+    out.line("screen: " + (name.is_null() ? std::string("never set") : name.get<std::string>()) +
+             " (state code " + text(code) + "), last off at stamp " + text(off) +
+             ", last on at stamp " + text(on));
+    out.line("overflow flags (1: reset by the next `screen on`):");
+    return std::move(out.table(overflow));
 }
 
-int switchScreen(const Context& ctx, const std::string& state, uint64_t stamp) {
+Output switchScreen(const std::string& state, uint64_t stamp) {
     const bool on = state == "on";
     MapNeeds needed = {needs(maps::kScreenState, Access::kReadWrite)};
     std::vector<std::pair<uint32_t, const char*>> flagged;
@@ -184,7 +189,7 @@ int switchScreen(const Context& ctx, const std::string& state, uint64_t stamp) {
         if (inspectMap(rowOf(maps::kOverflowingMapCheck.path), Access::kReadOnly).state == "ok") {
             const std::map<uint32_t, Json> flags = overflowFlags();
             for (const auto& [bit, path] : kOverflowBits) {
-                if (flags.at(bit) != 1) continue;
+                if (flags.at(bit) != KOVRA_OVERFLOWING) continue;
                 flagged.push_back({bit, path});
                 needed.push_back({&rowOf(path), Access::kReadWrite});
             }
@@ -199,7 +204,8 @@ int switchScreen(const Context& ctx, const std::string& state, uint64_t stamp) {
     Json reset = Json::array();
     for (const auto& [bit, path] : flagged) {
         mask |= bit;
-        reset.push_back({{"bit", bit}, {"map", mapName(path)}, {"entries", entryCount(rowOf(path))}});
+        reset.push_back(
+                {{"bit", bit}, {"map", mapName(path)}, {"entries", entryCount(rowOf(path))}});
     }
     const int status = bpfUpdateScreenStateMap(on ? 1 : 0, stamp);
     Json details = {{"screen", state}, {"stamp", stamp}};
@@ -217,8 +223,8 @@ int switchScreen(const Context& ctx, const std::string& state, uint64_t stamp) {
         details["dropped"] = {{"heartbeatLengths", dropped}};
         report.push_back("dropped " + dropped.dump() + " heartbeat lengths");
     }
-    return reportChange(ctx, status, "screen " + state + " at stamp " + std::to_string(stamp),
-                        details, report);
+    return change(status, "screen " + state + " at stamp " + std::to_string(stamp), details,
+                  report);
 }
 
 }  // namespace
@@ -236,15 +242,15 @@ void addWakeupCommands(CLI::App& app, Context& ctx) {
     CLI::App* hbLen = wakeup->add_subcommand(
             "hb-len", "Without arguments, list the IM heartbeat lengths; with them, register one");
     CLI::Option* uid = addNumber(hbLen, "UID", opts->uid, "The app's UID");
-    CLI::Option* length =
-            addNumber(hbLen, "LEN", opts->hbLen, "The heartbeat length, as the kernel side expects it");
+    CLI::Option* length = addNumber(hbLen, "LEN", opts->hbLen,
+                                    "The heartbeat length, as the kernel side expects it");
     allOrNone(hbLen, {uid, length}, [counterNames] {
         if (counterNames->count() > 0) {
             throw CLI::ValidationError("hb-len", "takes no counter map names before it");
         }
     });
-    onRun(hbLen, ctx, [&ctx, opts, uid] {
-        return uid->count() > 0 ? addHeartbeat(ctx, opts->uid, opts->hbLen) : listHeartbeats(ctx);
+    onShow(hbLen, ctx, [opts, uid] {
+        return uid->count() > 0 ? addHeartbeat(opts->uid, opts->hbLen) : listHeartbeats();
     });
 
     CLI::App* screen = app.add_subcommand(
@@ -252,13 +258,13 @@ void addWakeupCommands(CLI::App& app, Context& ctx) {
             "Without arguments, show the screen state and the overflow flags; with them, record a "
             "screen-state change: `on` also resets the maps the kernel side flags as overflowing, "
             "`off` drops the heartbeat lengths (both reported)");
-    CLI::Option* state =
-            screen->add_option("STATE", opts->screen, "on or off")->check(CLI::IsMember({"on", "off"}));
-    CLI::Option* stamp =
-            addNumber(screen, "STAMP", opts->stamp, "The time stamp of the change, stored as given");
+    CLI::Option* state = screen->add_option("STATE", opts->screen, "on or off")
+                                 ->check(CLI::IsMember({"on", "off"}));
+    CLI::Option* stamp = addNumber(screen, "STAMP", opts->stamp,
+                                   "The time stamp of the change, stored as given");
     allOrNone(screen, {state, stamp});
-    onRun(screen, ctx, [&ctx, opts, state] {
-        return state->count() > 0 ? switchScreen(ctx, opts->screen, opts->stamp) : showScreen(ctx);
+    onShow(screen, ctx, [opts, state] {
+        return state->count() > 0 ? switchScreen(opts->screen, opts->stamp) : showScreen();
     });
 }
 

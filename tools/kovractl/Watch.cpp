@@ -7,6 +7,8 @@
 
 #include <map>
 
+#include <kovrasandbox/Clock.h>
+
 namespace kovra::tool {
 
 namespace {
@@ -26,17 +28,11 @@ void stopOnInterrupt() {
 }
 
 // Sleeps `seconds`, or less when interrupted.
-void pause(double seconds) {
+void sleepUnlessStopped(double seconds) {
     timespec left = {static_cast<time_t>(seconds),
                      static_cast<long>((seconds - static_cast<time_t>(seconds)) * 1e9)};
     while (!gStop && nanosleep(&left, &left) != 0) {
     }
-}
-
-double monotonicSeconds() {
-    timespec now;
-    clock_gettime(CLOCK_MONOTONIC, &now);
-    return static_cast<double>(now.tv_sec) + static_cast<double>(now.tv_nsec) / 1e9;
 }
 
 // "rx_bytes", "RX-BYTES" and "rxBytes" all name the column rxBytes.
@@ -122,7 +118,8 @@ void sortAndCut(Rows& rows, const ListOptions& options) {
 Listing take(const View& view, const ListOptions& options, Rates* rates, size_t& total) {
     Listing listing = view.list();
     if (listing.rows.columns.empty()) listing.rows.columns = view.columns;
-    if (rates != nullptr) rates->add(view, listing.rows, monotonicSeconds());
+    if (rates != nullptr)
+        rates->add(view, listing.rows, static_cast<double>(sandbox::monotonicNowNs()) / 1e9);
     total = listing.rows.rows.size();
     sortAndCut(listing.rows, options);
     return listing;
@@ -135,17 +132,14 @@ Json listingJson(const Listing& listing) {
 }
 
 void printListing(const Context& ctx, const Listing& listing, size_t total, const View& view) {
-    if (ctx.jsonOutput()) {
-        printJson(ctx, listing.changes.empty() ? listing.rows.toJson() : listingJson(listing));
-        return;
-    }
-    listing.rows.print();
+    Output out{listing.changes.empty() ? listing.rows.toJson() : listingJson(listing)};
     std::string count = countOf(total, view.noun);
     if (listing.rows.rows.size() < total) {
         count = "top " + std::to_string(listing.rows.rows.size()) + " of " + count;
     }
-    printf("%s\n", count.c_str());
-    for (const std::string& line : listing.lines) printf("%s\n", line.c_str());
+    out.table(listing.rows).line(count);
+    for (const std::string& line : listing.lines) out.line(line);
+    render(ctx.format(), out);
 }
 
 // Plain decimal seconds from 0.1 to 3600, in the spirit of the other numbers: no sign, blank
@@ -192,7 +186,7 @@ int present(const Context& ctx, const ListOptions& options, const View& view) {
     const bool terminal = isatty(STDOUT_FILENO) && !ctx.jsonOutput();
     Rates rates;
     for (size_t n = 0; !gStop && (options.count == 0 || n < options.count); ++n) {
-        if (n > 0) pause(options.interval);
+        if (n > 0) sleepUnlessStopped(options.interval);
         if (gStop) break;
         const Listing listing = take(view, options, &rates, total);
         const time_t now = time(nullptr);
@@ -204,8 +198,8 @@ int present(const Context& ctx, const ListOptions& options, const View& view) {
             char clock[16];
             strftime(clock, sizeof(clock), "%H:%M:%S", localtime(&now));
             // On a terminal each listing replaces the last; in a file they follow each other.
-            printf("%s%s, every %gs (Ctrl-C ends)\n", terminal ? "\033[H\033[2J" : (n > 0 ? "\n" : ""),
-                   clock, options.interval);
+            printf("%s%s, every %gs (Ctrl-C ends)\n",
+                   terminal ? "\033[H\033[2J" : (n > 0 ? "\n" : ""), clock, options.interval);
             printListing(ctx, listing, total, view);
         }
         if (fflush(stdout) != 0) break;

@@ -28,25 +28,17 @@
 #include <utility>
 
 #include <android-base/result.h>
-#include <android/log.h>
 #include <android-base/unique_fd.h>
+#include <android/log.h>
 #include <fmt/format.h>
 
 #include <kovrabpf/BpfSyscall.h>
 #include <kovrabpf/BpfUtils.h>
+#include <kovrabpf/KovraPinnedMaps.h>
 
 namespace android::bpf {
 
 using android::base::Result;
-
-// A map's pinned path together with its key and value types, so that the types a map is opened
-// with are written once, beside its path.
-template <typename K, typename V>
-struct PinnedMap {
-    using Key = K;
-    using Value = V;
-    const char* path;
-};
 
 // The one point where the error model meets the platform's libbase: a fixed message and an errno.
 // Android's libbase builds such errors with MakeResultErrorWithCode; the Debian-packaged one

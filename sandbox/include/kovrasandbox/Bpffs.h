@@ -2,20 +2,20 @@
 // kernel side's maps are created and pinned at their real paths without touching the machine's.
 #pragma once
 
-#include <string>
+#include <kovrasandbox/Error.h>
 
 namespace kovra::sandbox {
 
 inline constexpr char kBpffs[] = "/sys/fs/bpf";
 
 // Moves this process into a mount namespace of its own with a fresh bpffs at /sys/fs/bpf, once;
-// later calls return the first call's answer. Returns what prevented it (it needs root), empty on
-// success. The process's children share the bpffs; it vanishes with the last of them.
+// later calls give the first call's answer. Throws Error saying what prevented it (it needs
+// root). The process's children share the bpffs; it vanishes with the last of them.
 //
 // `shareVariable` names an environment variable that lets a process this one re-executes (a
 // death test's child) know that it already sits in its parent's bpffs and stay there instead of
 // mounting another; nullptr for none.
-std::string enterPrivateBpffs(const char* shareVariable = nullptr);
+void enterPrivateBpffs(const char* shareVariable = nullptr);
 
 // Removes every pin and folder of the private bpffs except the kernel's own entries
 // (maps.debug, progs.debug). Throws Error when one cannot be removed.

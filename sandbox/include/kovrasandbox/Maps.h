@@ -1,6 +1,11 @@
-// The kernel side's maps on the desk, over libbpf: created and pinned at their paths (every map of
-// the catalogue with its specified key and value sizes, or any map a test needs), opened from
-// their pins, and read and written as the kernel's programs would, independently of the library.
+// The desk's one way to a pinned map, over libbpf and never over the library's own bpf(2) layer:
+// maps created and pinned as the kernel side would (every catalogue map, or any a test needs),
+// opened from their pins with the access a caller asks for, described by the kernel, and read
+// and written by key. kovractl's checks and views, the live loader, the benchmarks and the tests
+// all go through it. Failures throw Error (kovrasandbox/Error.h).
+//
+// A walk lists the keys first and reads each value after: the kernel side may delete an entry
+// in between, and such an entry is left out of the walk, which goes on with the others.
 #pragma once
 
 #include <linux/bpf.h>
@@ -8,29 +13,24 @@
 #include <string.h>
 
 #include <optional>
-#include <stdexcept>
+#include <string>
 #include <utility>
 #include <vector>
 
 #include <kovrabpf/KovraPinnedMaps.h>
+#include <kovrasandbox/Error.h>
 
 namespace kovra::sandbox {
 
-// A step of standing up the kernel side that failed: what, where and why
-// ("pinning /sys/fs/bpf/...: File exists").
-class Error : public std::runtime_error {
-  public:
-    using std::runtime_error::runtime_error;
-};
-
-// Throws an Error "`what` `path`: strerror(errno)".
-[[noreturn]] void fail(const std::string& what, const char* path);
+using Access = android::bpf::MapAccess;
+using Bytes = std::vector<uint8_t>;
 
 // Room in a map the sandbox creates, unless its creator asks for another.
 inline constexpr uint32_t kDefaultMaxEntries = 4096;
 
 // What the kernel reports about a map.
-struct MapShape {
+struct MapInfo {
+    uint32_t id;
     uint32_t type;
     uint32_t keySize;
     uint32_t valueSize;
@@ -38,74 +38,67 @@ struct MapShape {
     uint32_t flags;
 };
 
-// An open map descriptor, closed on destruction.
+// libbpf's name of a map type ("hash", "percpu_hash"), or "type N".
+std::string mapTypeName(uint32_t type);
+
+// An open map descriptor, closed on destruction, read by raw bytes.
 class RawMap {
   public:
-    // Creates a hash map and pins it at `path`, replacing whatever was pinned there and creating
-    // the folders the path needs. Throws Error.
+    // Creates a map (a hash map unless `type` says otherwise) and pins it at `path`, replacing
+    // whatever was pinned there and creating the folders the path needs.
     RawMap(const char* path, uint32_t keySize, uint32_t valueSize,
-           uint32_t maxEntries = kDefaultMaxEntries, uint32_t mapFlags = 0);
-    // Opens the map pinned at `path`; nullopt (errno set) when there is none or it cannot be.
-    static std::optional<RawMap> open(const char* path, bool readOnly = false);
+           uint32_t maxEntries = kDefaultMaxEntries, uint32_t mapFlags = 0,
+           bpf_map_type type = BPF_MAP_TYPE_HASH);
+    // The map pinned at `path`, opened read-only (no write through it) or read-write.
+    static RawMap open(const char* path, Access access);
+    // The same, or nullopt when nothing is pinned at `path`.
+    static std::optional<RawMap> find(const char* path, Access access);
 
-    RawMap(RawMap&& other) noexcept : mFd(std::exchange(other.mFd, -1)) {}
+    RawMap(RawMap&& other) noexcept
+        : mFd(std::exchange(other.mFd, -1)), mPath(std::move(other.mPath)) {}
     RawMap& operator=(RawMap&&) = delete;
     RawMap(const RawMap&) = delete;
     ~RawMap();
 
     int fd() const { return mFd; }
-    // The kernel's id of the map. Throws Error.
-    uint32_t id() const;
-    // All zero when the kernel does not tell.
-    MapShape shape() const;
-
-    bool putRaw(const void* key, const void* value, uint64_t flags = BPF_ANY) const;
+    MapInfo info() const;
+    // False when `key` has no entry.
     bool getRaw(const void* key, void* value) const;
-    bool eraseRaw(const void* key) const;
-    // The map's keys in the kernel's walk order, each `keySize` bytes.
-    std::vector<std::vector<uint8_t>> rawKeys(uint32_t keySize) const;
+    // The keys in the kernel's walk order, each `keySize` bytes.
+    std::vector<Bytes> rawKeys(uint32_t keySize) const;
+    // Every entry by the map's own key and value sizes.
+    std::vector<std::pair<Bytes, Bytes>> rawEntries() const;
 
   protected:
-    explicit RawMap(int fd) : mFd(fd) {}
+    RawMap(int fd, const char* path) : mFd(fd), mPath(path) {}
+    void putRaw(const void* key, const void* value, uint64_t flags) const;
+    // False when `key` had no entry.
+    bool eraseRaw(const void* key) const;
 
   private:
+    [[noreturn]] void fail(const char* what) const;
     int mFd;
+    std::string mPath;  // for the errors
 };
 
-// A map with the key and value types of a catalogue entry.
+// A map read through the key and value types of its catalogue row.
 template <typename K, typename V>
-class TypedMap : public RawMap {
+class ReadOnlyMap : public RawMap {
   public:
-    // Creates the map at the entry's path (see RawMap).
-    explicit TypedMap(const android::bpf::PinnedMap<K, V>& map,
-                      uint32_t maxEntries = kDefaultMaxEntries, uint32_t mapFlags = 0)
-        : RawMap(map.path, sizeof(K), sizeof(V), maxEntries, mapFlags) {}
-    // The map pinned at the entry's path. Throws Error when there is none.
-    static TypedMap open(const android::bpf::PinnedMap<K, V>& map) {
-        std::optional<RawMap> raw = RawMap::open(map.path);
-        if (!raw) fail("opening", map.path);
-        return TypedMap(std::move(*raw));
-    }
-
-    bool put(const K& key, const V& value, uint64_t flags = BPF_ANY) const {
-        return putRaw(&key, &value, flags);
-    }
     std::optional<V> get(const K& key) const {
         V value;
         if (!getRaw(&key, &value)) return std::nullopt;
         return value;
     }
-    bool erase(const K& key) const { return eraseRaw(&key); }
     std::vector<K> keys() const {
         std::vector<K> out;
-        for (const auto& raw : rawKeys(sizeof(K))) {
+        for (const Bytes& raw : rawKeys(sizeof(K))) {
             K key;
             memcpy(&key, raw.data(), sizeof(K));
             out.push_back(key);
         }
         return out;
     }
-    // Key and value pairs in walk order; a key deleted between the two reads is left out.
     std::vector<std::pair<K, V>> entries() const {
         std::vector<std::pair<K, V>> out;
         for (const K& key : keys()) {
@@ -116,20 +109,50 @@ class TypedMap : public RawMap {
     size_t size() const { return rawKeys(sizeof(K)).size(); }
 
   protected:
-    explicit TypedMap(RawMap raw) : RawMap(std::move(raw)) {}
+    explicit ReadOnlyMap(RawMap raw) : RawMap(std::move(raw)) {}
+    using RawMap::RawMap;
+    template <typename K2, typename V2>
+    friend ReadOnlyMap<K2, V2> openReadOnly(const android::bpf::PinnedMap<K2, V2>& map);
 };
 
-// The map pinned at `map`'s path, typed. Throws Error when there is none.
+// A map read and written through the types of its row.
+template <typename K, typename V>
+class TypedMap : public ReadOnlyMap<K, V> {
+  public:
+    // Creates the map at the row's path (see RawMap).
+    explicit TypedMap(const android::bpf::PinnedMap<K, V>& map,
+                      uint32_t maxEntries = kDefaultMaxEntries, uint32_t mapFlags = 0)
+        : ReadOnlyMap<K, V>(map.path, sizeof(K), sizeof(V), maxEntries, mapFlags) {}
+    // The map pinned at the row's path, opened read-write.
+    static TypedMap open(const android::bpf::PinnedMap<K, V>& map) {
+        return TypedMap(RawMap::open(map.path, Access::kReadWrite));
+    }
+
+    void put(const K& key, const V& value, uint64_t flags = BPF_ANY) const {
+        this->putRaw(&key, &value, flags);
+    }
+    // False when `key` had no entry.
+    bool erase(const K& key) const { return this->eraseRaw(&key); }
+
+  private:
+    explicit TypedMap(RawMap raw) : ReadOnlyMap<K, V>(std::move(raw)) {}
+};
+
 template <typename K, typename V>
 TypedMap<K, V> openMap(const android::bpf::PinnedMap<K, V>& map) {
     return TypedMap<K, V>::open(map);
 }
 
+template <typename K, typename V>
+ReadOnlyMap<K, V> openReadOnly(const android::bpf::PinnedMap<K, V>& map) {
+    return ReadOnlyMap<K, V>(RawMap::open(map.path, Access::kReadOnly));
+}
+
 // Room in each catalogue map; well above what the demo data set puts in any of them.
 inline constexpr uint32_t kCatalogueMaxEntries = 1024;
 
-// Creates every map of the catalogue (kPinnedMaps), empty, at its exact path with its key and
-// value sizes, replacing any map pinned there. The pins keep them. Throws Error.
+// Creates every map of the catalogue, empty, at its exact path with its key and value sizes,
+// replacing any map pinned there. The pins keep them.
 void createCatalogueMaps(uint32_t maxEntries = kCatalogueMaxEntries);
 
 // Byte-wise equality for the kernel's plain records.

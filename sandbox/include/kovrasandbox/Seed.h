@@ -4,10 +4,9 @@
 
 #include <stdint.h>
 
-namespace kovra::sandbox {
+#include <kovrasandbox/Clock.h>
 
-// CLOCK_MONOTONIC in nanoseconds, the clock of the speed records' stamps.
-uint64_t monotonicNowNs();
+namespace kovra::sandbox {
 
 // Fills the catalogue's maps, which must exist (createCatalogueMaps), with the demo data set.
 // Time stamps are taken relative to `nowNs` (CLOCK_MONOTONIC nanoseconds): fresh ones a

@@ -44,11 +44,11 @@ struct socket_tuple {
     __u32 uid;
     __u32 ifindex;
     __u32 ipv4Valid;
-    __u16 localPort;     // host order
-    __u16 remotePort;    // host order
+    __u16 localPort;   // host order
+    __u16 remotePort;  // host order
     __u8 protocol;
     __u8 pad[3];
-    __u32 remoteAddr4;   // network order
+    __u32 remoteAddr4;  // network order
     __u8 remoteAddr6[16];
     __u8 unused[24];
 };
@@ -60,7 +60,7 @@ HASH_MAP(app_uid_speeds, struct uid_ifindex_key, struct speeds_value);
 HASH_MAP(app_socket_speeds_config, __u32, __u32);
 
 static __always_inline __u64 windowNs(void) {
-    __u32 key = 0;
+    __u32 key = KOVRA_SPEEDS_CONFIG_KEY;
     __u32* config = bpf_map_lookup_elem(&app_socket_speeds_config, &key);
     __u64 ms = config != NULL && *config != 0 ? *config : 1000;
     if (ms < 10) ms = 10;

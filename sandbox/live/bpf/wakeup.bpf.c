@@ -39,8 +39,8 @@ HASH_MAP(im_app_hb_len, __u32, __u32);
 
 // The detector's own state per UID; not a catalogue map.
 struct uid_state {
-    __u64 lastNs;        // the UID's latest burst segment
-    __u64 durationNs;    // summed burst durations
+    __u64 lastNs;      // the UID's latest burst segment
+    __u64 durationNs;  // summed burst durations
 };
 struct {
     __uint(type, BPF_MAP_TYPE_LRU_HASH);
@@ -63,21 +63,13 @@ struct {
 
 #define BURST_GAP_NS (1000 * NS_PER_MS)
 #define REWAKE_GAP_NS (10000 * NS_PER_MS)
-#define SCREEN_OFF 1
 
-enum overflow_bit {
-    IN_SEQ = 1,
-    OUT_SEQ = 2,
-    OUT_ACK = 4,
-    INWAKEUP = 8,
-    OUTWAKEUP = 16,
-    WAKEUPDURATION = 32,
-    NO_BIT = 0,
-};
+// The counters that no overflow bit stands for.
+enum { NO_BIT = 0 };
 
 static __always_inline void flagOverflow(__u32 bit) {
-    __u32 one = 1;
-    bpf_map_update_elem(&overflowing_map_check, &bit, &one, BPF_ANY);
+    __u32 flag = KOVRA_OVERFLOWING;
+    bpf_map_update_elem(&overflowing_map_check, &bit, &flag, BPF_ANY);
 }
 
 static __always_inline void bump(void* map, __u32 uid, __u32 bit) {
@@ -94,9 +86,9 @@ static __always_inline void setSequence(void* map, __u64 cookie, __u32 value, __
 }
 
 static __always_inline int detect(struct __sk_buff* skb, bool egress) {
-    __u32 key = 1;
+    __u32 key = KOVRA_SCREEN_CODE_KEY;
     __u64* screen = bpf_map_lookup_elem(&screen_state, &key);
-    if (screen == NULL || *screen != SCREEN_OFF) return 1;
+    if (screen == NULL || *screen != KOVRA_SCREEN_OFF) return 1;
     struct packet p;
     parse(skb, egress, &p);
     if (p.protocol != IPPROTO_TCP) return 1;
@@ -117,10 +109,11 @@ static __always_inline int detect(struct __sk_buff* skb, bool egress) {
             bump(&app_tcp_in_keep_alive, p.uid, NO_BIT);
             return 1;
         }
-        setSequence(&sk_tcp_cookie_in_seq, p.cookie, next, IN_SEQ);
+        setSequence(&sk_tcp_cookie_in_seq, p.cookie, next, KOVRA_OVERFLOW_IN_SEQ);
     } else {
-        setSequence(&sk_tcp_cookie_out_seq, p.cookie, next, OUT_SEQ);
-        if (p.tcpFlags & TCP_ACK) setSequence(&sk_tcp_cookie_out_ack, p.cookie, p.ack, OUT_ACK);
+        setSequence(&sk_tcp_cookie_out_seq, p.cookie, next, KOVRA_OVERFLOW_OUT_SEQ);
+        if (p.tcpFlags & TCP_ACK)
+            setSequence(&sk_tcp_cookie_out_ack, p.cookie, p.ack, KOVRA_OVERFLOW_OUT_ACK);
         __u32* hbLen = bpf_map_lookup_elem(&im_app_hb_len, &p.uid);
         if (hbLen != NULL && p.payload != 0 && p.payload == *hbLen) {
             bump(&app_tcp_out_im_hb, p.uid, NO_BIT);
@@ -140,18 +133,19 @@ static __always_inline int detect(struct __sk_buff* skb, bool egress) {
         state->durationNs += now - last;
         __u64 ms = state->durationNs / NS_PER_MS;
         if (bpf_map_update_elem(&app_tcp_wakeupduration, &p.uid, &ms, BPF_ANY) != 0) {
-            flagOverflow(WAKEUPDURATION);
+            flagOverflow(KOVRA_OVERFLOW_WAKEUPDURATION);
         }
     } else {
         const bool rewake = last != 0 && now - last < REWAKE_GAP_NS;
         if (egress) {
-            bump(&app_tcp_outwakeup, p.uid, OUTWAKEUP);
+            bump(&app_tcp_outwakeup, p.uid, KOVRA_OVERFLOW_OUTWAKEUP);
             if (rewake) bump(&app_tcp_reoutwakeup, p.uid, NO_BIT);
-            if (device->uid != p.uid && device->lastNs != 0 && now - device->lastNs < BURST_GAP_NS) {
+            if (device->uid != p.uid && device->lastNs != 0 &&
+                now - device->lastNs < BURST_GAP_NS) {
                 bump(&app_tcp_out_align, p.uid, NO_BIT);
             }
         } else {
-            bump(&app_tcp_inwakeup, p.uid, INWAKEUP);
+            bump(&app_tcp_inwakeup, p.uid, KOVRA_OVERFLOW_INWAKEUP);
             if (rewake) bump(&app_tcp_reinwakeup, p.uid, NO_BIT);
         }
     }

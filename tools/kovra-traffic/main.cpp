@@ -7,8 +7,9 @@
 // FLOW: uid=N,peer=N[,proto=tcp|udp][,route=lo|veth][,bytes=N][,chunk=N][,rate=BYTES_PER_S]
 //       [,conns=N][,hold=MS][,keepalive=0|1][,limit=MS]
 // SIGINT, SIGTERM, SIGQUIT and SIGHUP end every flow early; what ran is reported all the same.
-// Exit codes, as kovractl's: 0 done (a flow's socket error is shown, not fatal), 2 usage,
-// 3 environment, 5 the output could not be written; 128 + N after signal N ended the flows.
+// Exit codes, kovractl's (ToolError.h): 0 done (a flow's socket error is shown, not fatal),
+// 2 usage, 3 environment, 5 the output could not be written; 128 + N after signal N ended the
+// flows.
 #include <errno.h>
 #include <signal.h>
 #include <stdio.h>
@@ -18,8 +19,11 @@
 #include <string>
 #include <vector>
 
-#include "Live.h"
-#include "Traffic.h"
+#include <kovralive/Live.h>
+#include <kovralive/Traffic.h>
+
+#include "Output.h"
+#include "ToolError.h"
 
 namespace {
 
@@ -29,7 +33,13 @@ constexpr char kUsage[] =
         "FLOW: uid=N,peer=N[,proto=tcp|udp][,route=lo|veth][,bytes=N][,chunk=N]"
         "[,rate=BYTES_PER_S][,conns=N][,hold=MS][,keepalive=0|1][,limit=MS]\n";
 
-constexpr int kExitUsage = 2, kExitEnvironment = 3, kExitOutput = 5;
+using kovra::tool::Format;
+using kovra::tool::Json;
+using kovra::tool::kExitEnvironment;
+using kovra::tool::kExitOutput;
+using kovra::tool::kExitUsage;
+using kovra::traffic::Flow;
+using kovra::traffic::Sent;
 
 int usage(const std::string& problem) {
     fprintf(stderr, "kovra-traffic: %s\n%s", problem.c_str(), kUsage);
@@ -57,6 +67,28 @@ bool written(FILE* out) {
     return ok && closed;
 }
 
+// The flows and what they sent: one row each, a table for a person and JSON for a program.
+kovra::tool::Output report(const std::vector<Flow>& flows, const std::vector<Sent>& sent) {
+    kovra::tool::Rows rows{{"flow", "uid", "peer", "proto", "route", "ifindex", "rate",
+                            "connections", "bytes", "messages", "retransmitted", "received",
+                            "seconds", "cookie", "port", "error", "peerError"},
+                           {}};
+    for (size_t i = 0; i < flows.size(); ++i) {
+        const Flow& f = flows[i];
+        const Sent& s = sent[i];
+        const auto text = [](int error) {
+            return error == 0 ? Json(nullptr) : Json(strerror(error));
+        };
+        rows.rows.push_back(
+                {i, f.uid, f.peerUid, f.protocol == kovra::traffic::Protocol::kTcp ? "tcp" : "udp",
+                 f.route == kovra::traffic::Route::kLoopback ? "lo" : "veth", s.ifindex, f.rate,
+                 s.connections, s.bytes, s.messages, s.retransmitted, s.received, s.seconds,
+                 s.cookie, s.port, text(s.error), text(s.peerError)});
+    }
+    kovra::tool::Output out{rows.toJson()};
+    return std::move(out.table(rows));
+}
+
 int runFlows(const std::vector<kovra::traffic::Flow>& flows, const char* cgroup,
              const std::string& jsonFile) {
     // An unwritable FILE is found before any flow runs.
@@ -75,10 +107,10 @@ int runFlows(const std::vector<kovra::traffic::Flow>& flows, const char* cgroup,
         if (json != nullptr) fclose(json);
         return environment(e.what());
     }
-    if (jsonFile != "-") fputs(kovra::traffic::table(flows, sent).c_str(), stdout);
-    if (jsonFile == "-") fputs(kovra::traffic::json(flows, sent).c_str(), stdout);
+    const kovra::tool::Output out = report(flows, sent);
+    kovra::tool::render(jsonFile == "-" ? Format::kPrettyJson : Format::kTable, out);
     if (json != nullptr) {
-        fputs(kovra::traffic::json(flows, sent).c_str(), json);
+        kovra::tool::render(Format::kPrettyJson, out, json);
         if (!written(json)) {
             fprintf(stderr, "kovra-traffic: writing %s failed: %s\n", jsonFile.c_str(),
                     strerror(errno));
@@ -104,7 +136,7 @@ int run(std::vector<std::string> args) {
             kovra::live::setFrozen(uid, args[0] == "freeze");
         } catch (const std::invalid_argument& e) {
             return usage(e.what());
-        } catch (const kovra::live::LiveError& e) {
+        } catch (const kovra::sandbox::Error& e) {
             return environment(std::string(e.what()) + " (is this a live sandbox?)");
         }
         printf("UID %u %s\n", uid, args[0] == "freeze" ? "frozen" : "thawed");
@@ -114,7 +146,8 @@ int run(std::vector<std::string> args) {
     if (args.size() < 2) return usage("flow needs at least one FLOW");
     std::vector<kovra::traffic::Flow> flows;
     try {
-        for (size_t i = 1; i < args.size(); ++i) flows.push_back(kovra::traffic::parseFlow(args[i]));
+        for (size_t i = 1; i < args.size(); ++i)
+            flows.push_back(kovra::traffic::parseFlow(args[i]));
     } catch (const std::invalid_argument& e) {
         return usage(e.what());
     }

@@ -7,24 +7,28 @@
 #include <sys/types.h>
 
 #include <memory>
-#include <stdexcept>
 #include <string>
+
+#include <kovrabpf/KovraPinnedMaps.h>
+#include <kovrasandbox/Error.h>
 
 namespace kovra::live {
 
 // The desk's own control map (not a catalogue map): UID -> non-zero while the UID is frozen.
 inline constexpr char kFrozenUidsPath[] = "/sys/fs/bpf/kovra_desk/live_frozen_uids";
+inline constexpr android::bpf::PinnedMap<uint32_t, uint32_t> kFrozenUids{kFrozenUidsPath,
+                                                                         "desk_frozen_uids"};
 // Set for the processes of a live sandbox: the sub-cgroup whose traffic is measured.
 inline constexpr char kCgroupEnv[] = "KOVRA_LIVE_CGROUP";
 // Set likewise: the inode of the sandbox's own network namespace, the only one the traffic
 // driver sends in (whoever makes a private namespace for it declares it here).
 inline constexpr char kNetnsEnv[] = "KOVRA_LIVE_NETNS";
 
-// Why the live side could not start or be used; `cannotAttach` when the kernel refuses cgroup
-// programs altogether.
-struct LiveError : std::runtime_error {
+// Why the live side could not start or be used, thrown like every failure of the sandbox
+// library (kovrasandbox/Error.h); `cannotAttach` when the kernel refuses cgroup programs.
+struct LiveError : sandbox::Error {
     LiveError(const std::string& what, bool cannotAttach = false)
-        : std::runtime_error(what), cannotAttach(cannotAttach) {}
+        : sandbox::Error(what), cannotAttach(cannotAttach) {}
     bool cannotAttach;
 };
 
@@ -49,8 +53,6 @@ class LiveSide {
 
     // The sub-cgroup's directory.
     const std::string& cgroup() const { return mCgroup; }
-    // The number of programs attached.
-    size_t programs() const;
     // One line saying what was swept at start ("" when nothing was), for the caller to print.
     const std::string& swept() const { return mSwept; }
 
@@ -74,14 +76,10 @@ class LiveSide {
 // process holds. Returns one line saying what went, or "" when nothing did.
 std::string sweepLeftovers(const std::string& cgroupRoot);
 
-// For a forked child: dies with SIGKILL when the thread that forked it ends (`parent` is the
-// forking process's pid, taken before fork(), for the race of a parent that ended already).
-void dieWithParent(pid_t parent);
-
 // Moves the calling process into the cgroup at `cgroup`. Throws LiveError.
 void joinCgroup(const std::string& cgroup);
 
-// Marks `uid` frozen or not in the desk's control map. Throws LiveError.
+// Marks `uid` frozen or not in the desk's control map.
 void setFrozen(uint32_t uid, bool frozen);
 
 }  // namespace kovra::live
