@@ -303,23 +303,19 @@ TEST_F(KovractlTest, StatusesAndViews) {
             << "an error in JSON mode is an object on stdout";
 
     const Snapshot seeded = snapshotMaps();
-    const json dump = jsonOf(kovractl({"dump", "-j"}));
+    const json dump = jsonOf(kovractl({"dump", "-j"}))["maps"];
     ASSERT_EQ(kPinnedMaps.size(), dump.size());
-    for (const auto& [name, rows] : dump.items()) {
-        for (const PinnedMapInfo& row : kPinnedMaps) {
-            if (contains(row.path, "_" + name + "_map")) {
-                EXPECT_EQ(seeded.at(row.path).size(), rows.size()) << row.path;
-            }
-        }
+    for (const PinnedMapInfo& row : kPinnedMaps) {
+        EXPECT_EQ(seeded.at(row.path).size(), dump[row.name]["entries"].size()) << row.path;
     }
+    EXPECT_EQ(json({{"word0", 1}, {"word1", 30}, {"word2", 600}}),
+              dump["app_freeze_config"]["entries"][0]["value"]);
     const KovraStatsValue v = *sandbox::openMap(maps::kUidPurStats).get(10123);
     const std::vector<std::pair<std::vector<std::string>, json>> views = {
             {{"stats", "pur", "10123"},
              {{{"uid", 10123}, {"rxPackets", v.rxPackets}, {"rxBytes", v.rxBytes},
                {"txPackets", v.txPackets}, {"txBytes", v.txBytes}, {"extra0", v.extra0},
                {"extra1", v.extra1}}}},
-            {{"dump", "app_freeze_config"},
-             {{"app_freeze_config", {{{"key", 1}, {"word0", 1}, {"word1", 30}, {"word2", 600}}}}}},
             {{"net", "list"},
              {{{"uid", 10066}, {"disconnected", 1}, {"legacyBlocked", nullptr}},
               {{"uid", 10077}, {"disconnected", nullptr}, {"legacyBlocked", 1}}}},
@@ -509,6 +505,131 @@ TEST_F(KovractlTest, LiveSandboxKilledLeavesNothingAndSandboxesNeverCollide) {
         for (const json& row : jsonOf(run)) uids.push_back(row["uid"]);
         EXPECT_EQ(json({uid, 10099}), uids) << run;
     }
+}
+
+}  // namespace
+}  // namespace kovra::test
+
+namespace kovra::test {
+namespace {
+
+// Writes `text` to a file of the test's own and returns its path.
+std::string saved(const std::string& text, const std::string& name = "capture.json") {
+    const std::string path = "/tmp/kovractl-test-" + std::to_string(getpid()) + "-" + name;
+    std::ofstream(path) << text;
+    return path;
+}
+
+// Every map holds two entries whose every byte differs from its neighbours' in the record, so a
+// byte moved, dropped or decoded through the wrong field shows.
+void fillEveryByte() {
+    uint8_t next = 1;
+    forEachMap([&](const auto& row) {
+        using Row = std::decay_t<decltype(row)>;
+        const auto map = sandbox::openMap(row);
+        for (const auto& key : map.keys()) map.erase(key);
+        for (int entry = 0; entry < 2; ++entry) {
+            typename Row::Key key;
+            typename Row::Value value;
+            for (auto* bytes :
+                 {reinterpret_cast<uint8_t*>(&key), reinterpret_cast<uint8_t*>(&value)}) {
+                const size_t size =
+                        bytes == reinterpret_cast<uint8_t*>(&key) ? sizeof(key) : sizeof(value);
+                for (size_t i = 0; i < size; ++i, next = next % 251 + 1) bytes[i] = next;
+            }
+            map.put(key, value);
+        }
+    });
+}
+
+// Capture, replay into a fresh sandbox, capture again: the same maps, byte for byte. Rebased,
+// the stamps keep their age, so the services answer in the sandbox as they did here.
+TEST_F(KovractlTest, CaptureReplaysLosslesslyWithStampsKeepingTheirAge) {
+    fillEveryByte();
+    const Outcome taken = kovractl({"-j", "dump"});
+    ASSERT_EQ(0, taken.exitCode) << taken;
+    const std::string file = saved(taken.out);
+    const json again = jsonOf(kovractl(
+            {"sandbox", "--seed", file, "--raw-stamps", "--", KOVRACTL_PATH, "-j", "dump"}));
+    EXPECT_EQ(jsonOf(taken)["maps"], again["maps"]);
+    ASSERT_EQ(kPinnedMaps.size(), again["maps"].size());
+    for (const auto& map : again["maps"]) EXPECT_EQ(2u, map["entries"].size()) << map;
+
+    fresh();
+    const std::string demo = saved(kovractl({"-j", "dump"}).out);
+    const std::vector<std::string> report = {"-j",    "speeds",     "sockets", "--stale-ms",
+                                             "60000", "--min-kbps", "0"};
+    std::vector<std::string> inSandbox = {"sandbox", "--seed", demo, "--", KOVRACTL_PATH};
+    inSandbox.insert(inSandbox.end(), report.begin(), report.end());
+    json here = jsonOf(kovractl(report)), there = jsonOf(kovractl(inSandbox));
+    // Every stamp moved by the time between the capture and the replay, and by that alone.
+    const int64_t shift = there["rows"][0]["firstStamp"].get<int64_t>() -
+                          here["rows"][0]["firstStamp"].get<int64_t>();
+    EXPECT_TRUE(shift > 0 && shift < 5000000000) << shift;
+    for (json* rows : {&here, &there}) {
+        for (json& row : (*rows)["rows"]) {
+            for (const char* stamp : {"firstStamp", "secondStamp"}) {
+                row[stamp] = row[stamp].get<int64_t>() - (rows == &there ? shift : 0);
+            }
+        }
+    }
+    EXPECT_EQ(here, there);
+}
+
+// A faulty capture is refused whole: one line naming map, entry and field, exit 2, no map
+// written. Each case mends the demo's capture in one place.
+TEST_F(KovractlTest, BadCapturesAreRefusedWholeAndWriteNothing) {
+    const json good = jsonOf(kovractl({"-j", "dump"}));
+    sandbox::RawMap(maps::kScreenState.path, 4, 8, 1);  // too small for the capture's two entries
+    const Snapshot before = snapshotMaps();
+    const auto with = [&](const std::function<void(json&)>& change) {
+        json capture = good;
+        change(capture);
+        return capture.dump();
+    };
+    const auto entry = [](json& c, const char* map, int i) -> json& {
+        return c["maps"][map]["entries"][i];
+    };
+    const std::vector<std::pair<std::string, std::string>> cases = {
+            {good.dump().substr(0, 900), "capture.json: not JSON, or cut short"},
+            {"[1]", "not a capture"},
+            {with([](json& c) { c["format"] = 2; }), "format 2 is not one this kovractl reads"},
+            {with([](json& c) { c["maps"]["no_such"] = c["maps"]["screen_state"]; }),
+             "map no_such: not a map of the catalogue"},
+            {with([&](json& c) { entry(c, "app_socket_info", 1)["value"].erase("opaque2"); }),
+             "map app_socket_info, entry 1 value, field opaque2: missing"},
+            {with([&](json& c) { entry(c, "app_socket_info", 1)["value"]["opaque2"] = "00"; }),
+             "entry 1 value, field opaque2: expected 80 hex digits"},
+            {with([&](json& c) {
+                 entry(c, "app_socket_info", 0)["value"]["opaque1"] = "zz00000000000000";
+             }),
+             "field opaque1: not hex digits"},
+            {with([&](json& c) { entry(c, "app_uid_speeds", 2)["key"]["extra"] = 1; }),
+             "map app_uid_speeds, entry 2 key, field extra: not a field"},
+            {with([&](json& c) { entry(c, "app_tcp_fin_drop", 0)["value"]["count"] = 4294967296; }),
+             "map app_tcp_fin_drop, entry 0 value, field count: expected a whole number "
+             "0..4294967295"},
+            {with([&](json& c) { entry(c, "app_uid_stats", 0)["value"]["rxBytes"] = -1; }),
+             "field rxBytes: expected a whole number"},
+            {with([&](json& c) {
+                 entry(c, "app_uid_stats", 1)["key"] = entry(c, "app_uid_stats", 0)["key"];
+             }),
+             "map app_uid_stats, entry 1: the key of an earlier entry"},
+            {with([](json& c) { c["maps"]["app_tcp_fin_drop"]["maxEntries"] = 1; }),
+             "map app_tcp_fin_drop: 20 entries, more than its maxEntries 1"},
+            {with([](json& c) { c["maps"]["screen_state"]["valueSize"] = 4; }),
+             "map screen_state: key/value sizes 4/4, the catalogue's are 4/8"},
+            {good.dump(), "map screen_state: 2 entries, more than the map holds (1)"},
+    };
+    for (const auto& [text, message] : cases) {
+        const Outcome run = kovractl({"load", "--force", saved(text)});
+        EXPECT_EQ(2, run.exitCode) << message << run;
+        EXPECT_TRUE(contains(run.err, message)) << message << run;
+    }
+    const Outcome outside = kovractl({"load", saved(good.dump())});
+    EXPECT_EQ(2, outside.exitCode) << outside;
+    EXPECT_TRUE(contains(outside.err, "load writes only into a kovractl sandbox")) << outside;
+    EXPECT_TRUE(before == snapshotMaps()) << "a refused capture changed a map";
 }
 
 }  // namespace

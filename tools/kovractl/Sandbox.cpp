@@ -14,13 +14,17 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <optional>
+
 #include <kovrasandbox/Bpffs.h>
+#include <kovrasandbox/Clock.h>
 #include <kovrasandbox/Child.h>
 #include <kovrasandbox/Maps.h>
 #include <kovrasandbox/Netns.h>
 #include <kovrasandbox/Seed.h>
 
 #include "Commands.h"
+#include "Replay.h"
 
 // The live side is the desk's own stand-in for the platform's eBPF programs; a device build of
 // kovractl, where the platform's programs fill the maps, has none and no --live.
@@ -34,11 +38,17 @@ namespace {
 // From here on this process and its children see a bpffs of their own at /sys/fs/bpf holding
 // every map of the catalogue; the machine's (if it has one) stays as it is, and ours vanishes
 // with the last of them.
-void standUp(bool seed) {
+void standUp(const SandboxOptions& options) {
+    std::optional<Capture> capture;
+    if (!options.seed.empty() && options.seed != "demo") {
+        capture = readCaptureFile(options.seed);
+        if (!options.rawStamps) rebaseStamps(*capture, sandbox::monotonicNowNs());
+    }
     try {
         sandbox::enterPrivateBpffs();
         sandbox::createCatalogueMaps();
-        if (seed) sandbox::seedDemo();
+        if (options.seed == "demo") sandbox::seedDemo();
+        if (capture) replay(*capture, true);
     } catch (const sandbox::Error& error) {
         const char* hint = geteuid() != 0 ? "; try: sudo kovractl sandbox" : "";
         throw ToolError(kExitEnvironment, std::string("sandbox: ") + error.what() + hint);
@@ -166,7 +176,7 @@ int runSandbox(const SandboxOptions& options) {
                 "until you leave it\n",
                 outer);
     }
-    standUp(options.seed == "demo");
+    standUp(options);
 #ifdef KOVRA_LIVE_SIDE
     std::unique_ptr<live::LiveSide> live = options.live ? goLive() : nullptr;
 #else
@@ -211,8 +221,13 @@ void addSandboxCommand(CLI::App& app, Context& ctx) {
             "holds "
             "every map of the catalogue, empty or seeded; the machine's own maps are not touched. "
             "Exits with COMMAND's status");
-    command->add_option("--seed", opts->seed, "Fill the maps with a data set")
-            ->check(CLI::IsMember({"demo"}));
+    command->add_option("--seed", opts->seed,
+                        "Fill the maps: `demo`, the demo data set, or FILE, a capture "
+                        "(`kovractl -j dump`), whose CLOCK_MONOTONIC stamps are shifted so that "
+                        "each record keeps the age it had at capture")
+            ->type_name("demo|FILE");
+    command->add_flag("--raw-stamps", opts->rawStamps,
+                      "With --seed FILE: keep the capture's stamps as they are");
 #ifdef KOVRA_LIVE_SIDE
     command->add_flag("--live", opts->live,
                       "Also a private network namespace and the live kernel side: the project's "
