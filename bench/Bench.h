@@ -1,14 +1,15 @@
 // What the benchmarks share: catalogue maps seeded once per size in the private bpffs, and the
 // floors every service is measured against. The floors run the same kernel commands the library
-// could at best, through libbpf's one-call wrappers: the raw loop is the library's own algorithm (one key step and one lookup per
-// entry) with nothing around the system calls; the batch read is the kernel's fastest way to hand
-// over a whole map. Both land in the same kind of table the service fills.
+// could at best, through libbpf's one-call wrappers: the raw loop is the library's own algorithm
+// (one key step and one lookup per entry) with nothing around the system calls; the batch read is
+// the kernel's fastest way to hand over a whole map. Both land in the same kind of table the
+// service fills.
 #pragma once
 
 #include <bpf/bpf.h>
+#include <errno.h>
 #include <kovrabpf/KovraBpfNetworkStats.h>
 #include <kovrasandbox/Clock.h>
-#include <errno.h>
 #include <stdint.h>
 #include <string.h>
 #include <unistd.h>
@@ -138,8 +139,8 @@ template <typename K>
 // BPF_MAP_LOOKUP_AND_DELETE_BATCH to empty the map on the way.
 template <typename K, typename V, typename Store>
 void batchRead(int fd, int command, std::vector<K>& keys, std::vector<V>& values, Store store) {
-    const auto read =
-            command == BPF_MAP_LOOKUP_BATCH ? bpf_map_lookup_batch : bpf_map_lookup_and_delete_batch;
+    const auto read = command == BPF_MAP_LOOKUP_BATCH ? bpf_map_lookup_batch
+                                                      : bpf_map_lookup_and_delete_batch;
     uint64_t token = 0;
     bool first = true;
     while (true) {
@@ -173,10 +174,12 @@ class CommandCount {
     void count(benchmark::State& state, int64_t entries) const {
         uint64_t after[kCommandKinds];
         snapshot(after);
-        const std::pair<int, const char*> kinds[] = {
-                {BPF_OBJ_GET, "get"},          {BPF_OBJ_GET_INFO_BY_FD, "info"},
-                {BPF_MAP_GET_NEXT_KEY, "next"}, {BPF_MAP_LOOKUP_ELEM, "lookup"},
-                {BPF_MAP_UPDATE_ELEM, "update"}, {BPF_MAP_DELETE_ELEM, "delete"}};
+        const std::pair<int, const char*> kinds[] = {{BPF_OBJ_GET, "get"},
+                                                     {BPF_OBJ_GET_INFO_BY_FD, "info"},
+                                                     {BPF_MAP_GET_NEXT_KEY, "next"},
+                                                     {BPF_MAP_LOOKUP_ELEM, "lookup"},
+                                                     {BPF_MAP_UPDATE_ELEM, "update"},
+                                                     {BPF_MAP_DELETE_ELEM, "delete"}};
         double all = total(after);
         state.counters["bpf_per_entry"] = avg(all / std::max<int64_t>(entries, 1));
         for (const auto& [cmd, name] : kinds) {

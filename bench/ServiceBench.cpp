@@ -120,7 +120,8 @@ std::vector<Service> services() {
                  AppFreezeConfig next{++round, 2, 3};
                  bpfSetAppFreezeConfig(next);
              }},
-            {"bpfAddAppImHbLenMap", [](Stage& stage, int64_t n) { stage.put(maps::kImAppHbLen, n); },
+            {"bpfAddAppImHbLenMap",
+             [](Stage& stage, int64_t n) { stage.put(maps::kImAppHbLen, n); },
              [] { bpfAddAppImHbLenMap(10007, 300); }},
             // A zero state writes its two entries and clears the heartbeat lengths.
             {"bpfUpdateScreenStateMap(0)",

@@ -23,8 +23,8 @@
 #include <fuzzer/FuzzedDataProvider.h>
 #include <kovrabpf/KovraBpfNetworkStats.h>
 #include <kovrasandbox/Bpffs.h>
-#include <kovrasandbox/Maps.h>
 #include <kovrasandbox/Clock.h>
+#include <kovrasandbox/Maps.h>
 
 using namespace android::bpf;
 namespace sandbox = kovra::sandbox;
@@ -122,7 +122,6 @@ Table callersTable(FuzzedDataProvider& input, const std::unordered_map<uint64_t,
     }
     return table;
 }
-
 
 // The maps a non-zero screen state may reset, by the overflow flag that names them.
 struct Resettable {
@@ -302,8 +301,8 @@ void speeds(FuzzedDataProvider& input) {
     fuzzSocketSpeeds(input, speedMaps);
 }
 
-const std::pair<const char*, void (*)(FuzzedDataProvider&)> kFamilies[] = {
-        {"wakeup", wakeup}, {"speeds", speeds}};
+const std::pair<const char*, void (*)(FuzzedDataProvider&)> kFamilies[] = {{"wakeup", wakeup},
+                                                                           {"speeds", speeds}};
 void (*family)(FuzzedDataProvider&) = nullptr;
 
 }  // namespace
@@ -315,8 +314,9 @@ extern "C" int LLVMFuzzerInitialize(int*, char***) {
         if (name != nullptr && strcmp(name, known) == 0) family = run;
     }
     if (family == nullptr) {
-        fprintf(stderr, "fuzzing cannot run: KOVRA_FUZZ_FAMILY must name a family "
-                        "(wakeup or speeds)\n");
+        fprintf(stderr,
+                "fuzzing cannot run: KOVRA_FUZZ_FAMILY must name a family "
+                "(wakeup or speeds)\n");
         exit(1);
     }
     try {

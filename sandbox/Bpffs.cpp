@@ -37,7 +37,8 @@ std::string enterOnce(const char* shareVariable) {
     if (mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0) {
         return failed("making / private");
     }
-    if (mount("bpf", kBpffs, "bpf", 0, nullptr) != 0) return failed("mounting a bpffs at /sys/fs/bpf");
+    if (mount("bpf", kBpffs, "bpf", 0, nullptr) != 0)
+        return failed("mounting a bpffs at /sys/fs/bpf");
     std::string names;
     if (DIR* dir = opendir(kBpffs)) {
         while (dirent* entry = readdir(dir)) {

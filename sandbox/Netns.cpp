@@ -52,19 +52,18 @@ void changeLink(const std::string& step, unsigned ifindex, Edit edit) {
 }  // namespace
 
 void createVethPair(const char* name, const char* peer) {
-    withSocket("creating the veth pair " + std::string(name), [&](nl_sock* socket) {
-        return rtnl_link_veth_add(socket, name, peer, getpid());
-    });
+    withSocket("creating the veth pair " + std::string(name),
+               [&](nl_sock* socket) { return rtnl_link_veth_add(socket, name, peer, getpid()); });
 }
 
 void setLinkUp(unsigned ifindex) {
     changeLink("bringing interface " + std::to_string(ifindex) + " up", ifindex,
-                      [](rtnl_link* link) { rtnl_link_set_flags(link, IFF_UP); });
+               [](rtnl_link* link) { rtnl_link_set_flags(link, IFF_UP); });
 }
 
 void moveToNetns(unsigned ifindex, int netnsFd) {
     changeLink("moving interface " + std::to_string(ifindex), ifindex,
-                      [&](rtnl_link* link) { rtnl_link_set_ns_fd(link, netnsFd); });
+               [&](rtnl_link* link) { rtnl_link_set_ns_fd(link, netnsFd); });
 }
 
 void addIpv4(unsigned ifindex, const char* address, uint8_t prefixLength) {

@@ -2,6 +2,7 @@
 
 #include <arpa/inet.h>
 
+#include <tuple>
 #include <vector>
 
 #include <kovrabpf/KovraKernelContract.h>
@@ -184,18 +185,17 @@ void seedSequences(const PinnedMap<uint64_t, V>& map, uint64_t salt) {
 }
 
 void seedWakeup(uint64_t nowNs) {
-    seedCounters(maps::kAppTcpFinDrop, 0);
-    seedCounters(maps::kAppTcpInwakeup, 1);
-    seedCounters(maps::kAppTcpOutwakeup, 2);
-    seedCounters(maps::kAppTcpWakeupduration, 3);
-    seedCounters(maps::kAppTcpOutImHb, 4);
-    seedCounters(maps::kAppTcpOutAlign, 5);
-    seedCounters(maps::kAppTcpInKeepAlive, 6);
-    seedCounters(maps::kAppTcpReinwakeup, 7);
-    seedCounters(maps::kAppTcpReoutwakeup, 8);
-    seedSequences(maps::kSkTcpCookieInSeq, 1);
-    seedSequences(maps::kSkTcpCookieOutSeq, 2);
-    seedSequences(maps::kSkTcpCookieOutAck, 3);
+    // Each map's numbers are salted by its place in these lists, so that no two maps agree.
+    uint64_t salt = 0;
+    std::apply([&](const auto*... map) { (seedCounters(*map, salt++), ...); },
+               std::tuple{&maps::kAppTcpFinDrop, &maps::kAppTcpInwakeup, &maps::kAppTcpOutwakeup,
+                          &maps::kAppTcpWakeupduration, &maps::kAppTcpOutImHb,
+                          &maps::kAppTcpOutAlign, &maps::kAppTcpInKeepAlive,
+                          &maps::kAppTcpReinwakeup, &maps::kAppTcpReoutwakeup});
+    salt = 1;
+    std::apply([&](const auto*... map) { (seedSequences(*map, salt++), ...); },
+               std::tuple{&maps::kSkTcpCookieInSeq, &maps::kSkTcpCookieOutSeq,
+                          &maps::kSkTcpCookieOutAck});
 
     const auto heartbeats = openMap(maps::kImAppHbLen);
     heartbeats.put(10010, 300);

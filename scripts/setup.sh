@@ -14,6 +14,7 @@ packages=(
     blueprint-tools golang-go golang-android-soong-dev golang-github-google-blueprint-dev
     golang-github-golang-protobuf-1-3-dev ninja-build python3 git
     clang-14 libc++-14-dev libc++abi-14-dev libc6-dev-arm64-cross libc6-dev-armhf-cross
+    clang-format-14
     "$@"
 )
 

@@ -1,7 +1,8 @@
 #!/usr/bin/env bash
-# Sets up, builds and runs every test: the share of test code and the device build (Soong over
-# Android.bp, every module's sources compiled as a device build compiles them) first, then a
-# sanitized build (AddressSanitizer and UndefinedBehaviorSanitizer), then the same tests cross-built for 64-bit Arm on an arm64
+# Sets up, builds and runs every test: the share of test code, the layout of the sources
+# (clang-format) and the device build (Soong over Android.bp, every module's sources compiled as
+# a device build compiles them) first, then a sanitized build (AddressSanitizer and
+# UndefinedBehaviorSanitizer), then the same tests cross-built for 64-bit Arm on an arm64
 # kernel under qemu, then a libFuzzer run of every fuzz family (FUZZ_SECONDS each, 20 by default),
 # then the plain build, whose tests run once under valgrind's memcheck and once as they are; that
 # last ctest summary closes the run.
@@ -22,8 +23,10 @@ check() {  # check BUILD_DIR
     (cd "$1" && ctest -j "$jobs" --output-on-failure --timeout 300)
 }
 
-# Test code stays well below the code it tests (at most 0.40 of it).
+# Test code stays well below the code it tests (at most 0.40 of it), and the sources, the eBPF
+# programs among them, are as clang-format lays them out.
 bash scripts/test-ratio.sh || status=1
+bash scripts/check-format.sh || status=1
 bash scripts/check-android-build.sh || status=1
 echo "== sanitized build (ASan + UBSan)"
 export ASAN_OPTIONS=detect_leaks=1

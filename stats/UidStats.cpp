@@ -32,7 +32,8 @@ Result<void> bpfGetFreezeStatsTotalInternal(UidStatsTable& out,
 
 int bpfGetUidStatsTotal(UidStatsTable& out) {
     BpfMapRO map(maps::kNetdAppUidStats);
-    if (auto status = openFailure(map, maps::kNetdAppUidStats, "Opening appUidStatsMap(%s) failed: %s")) {
+    if (auto status =
+                openFailure(map, maps::kNetdAppUidStats, "Opening appUidStatsMap(%s) failed: %s")) {
         return *status;
     }
     const Result<void> walk = bpfGetUidStatsTotalInternal(out, map);
@@ -41,7 +42,8 @@ int bpfGetUidStatsTotal(UidStatsTable& out) {
 
 int bpfGetUidPurStatsTotal(UidStatsTable& out) {
     BpfMapRO map(maps::kUidPurStats);
-    if (auto status = openFailure(map, maps::kUidPurStats, "Opening appPurStatsMap(%s) failed: %s")) {
+    if (auto status =
+                openFailure(map, maps::kUidPurStats, "Opening appPurStatsMap(%s) failed: %s")) {
         return *status;
     }
     const Result<void> walk = bpfGetFreezeStatsTotalInternal(out, map);
@@ -50,7 +52,8 @@ int bpfGetUidPurStatsTotal(UidStatsTable& out) {
 
 int bpfGetUidPurStats(uint32_t uid, KovraStatsValue& out) {
     BpfMapRO map(maps::kUidPurStats);
-    if (auto status = openFailure(map, maps::kUidPurStats, "Opening appPurStatsMap(%s) failed: %s")) {
+    if (auto status =
+                openFailure(map, maps::kUidPurStats, "Opening appPurStatsMap(%s) failed: %s")) {
         return *status;
     }
     const Result<KovraStatsValue> value = map.readValue(uid);

@@ -63,7 +63,8 @@ int bpfGetAppSocketSpeedsTotal(std::unordered_map<uint64_t, SpeedsValue>& speeds
 // failed interface query and returns -1.
 int bpfGetSocketLocalStatus(uint64_t cookie);
 // Reports every live (UID, interface) pair in kbps and prunes stale ones. 0, or -errno.
-int bpfGetAppUidSpeedsTotal(std::unordered_map<uint64_t, IfaceSpeedsValue>& speeds, uint32_t staleMs);
+int bpfGetAppUidSpeedsTotal(std::unordered_map<uint64_t, IfaceSpeedsValue>& speeds,
+                            uint32_t staleMs);
 // The walk of bpfGetAppUidSpeedsTotal over the caller's handle at the caller's `now`: 0 or -1.
 int bpfGetAppUidSpeedsTotalInternal(std::unordered_map<uint64_t, IfaceSpeedsValue>& speeds,
                                     BpfMap<UidIfindexKey, SpeedsValue>& map, uint32_t staleMs,

@@ -44,6 +44,8 @@ inline constexpr MapFamily kStats = MapFamily::kStats, kFreeze = MapFamily::kFre
                            kFirewall = MapFamily::kFirewall;
 inline constexpr MapAccess kRO = MapAccess::kReadOnly, kRW = MapAccess::kReadWrite;
 
+// The rows, kept as a table by hand.
+// clang-format off
 // Per-UID traffic totals.
 inline constexpr PinnedMap<uint32_t, StatsValue> kNetdAppUidStats{
         "/sys/fs/bpf/netd_shared/map_netd_app_uid_stats_map", "app_uid_stats", kStats, kRO, "uid"};
@@ -131,19 +133,25 @@ inline constexpr PinnedMap<uint32_t, uint32_t> kAppVuskLimit{
         "/sys/fs/bpf/map_kovra-netd_app_vusk_limit_map",
         "app_vusk_limit", kFirewall, kRW, "uid", "value"};
 
+// clang-format on
+
 }  // namespace maps
 
 // Every row, in the order tools list them. A new map is its row above and its entry here.
-inline constexpr std::tuple kCatalogue{
-        &maps::kNetdAppUidStats, &maps::kUidPurStats, &maps::kAppFreezeSyn, &maps::kAppFreezeStats,
-        &maps::kAppFreezeConfig, &maps::kAppSocketSpeeds, &maps::kAppSocketInfo,
-        &maps::kAppSocketSpeedsIfindex, &maps::kAppUidSpeeds, &maps::kAppSocketSpeedsConfig,
-        &maps::kAppTcpFinDrop, &maps::kAppTcpInwakeup, &maps::kAppTcpOutwakeup,
-        &maps::kAppTcpWakeupduration, &maps::kAppTcpOutImHb, &maps::kAppTcpOutAlign,
-        &maps::kAppTcpInKeepAlive, &maps::kAppTcpReinwakeup, &maps::kAppTcpReoutwakeup,
-        &maps::kImAppHbLen, &maps::kScreenState, &maps::kOverflowingMapCheck,
-        &maps::kSkTcpCookieInSeq, &maps::kSkTcpCookieOutSeq, &maps::kSkTcpCookieOutAck,
-        &maps::kAppNetDisconnLimit, &maps::kAppVuskLimit};
+inline constexpr std::tuple kCatalogue{&maps::kNetdAppUidStats,   &maps::kUidPurStats,
+                                       &maps::kAppFreezeSyn,      &maps::kAppFreezeStats,
+                                       &maps::kAppFreezeConfig,   &maps::kAppSocketSpeeds,
+                                       &maps::kAppSocketInfo,     &maps::kAppSocketSpeedsIfindex,
+                                       &maps::kAppUidSpeeds,      &maps::kAppSocketSpeedsConfig,
+                                       &maps::kAppTcpFinDrop,     &maps::kAppTcpInwakeup,
+                                       &maps::kAppTcpOutwakeup,   &maps::kAppTcpWakeupduration,
+                                       &maps::kAppTcpOutImHb,     &maps::kAppTcpOutAlign,
+                                       &maps::kAppTcpInKeepAlive, &maps::kAppTcpReinwakeup,
+                                       &maps::kAppTcpReoutwakeup, &maps::kImAppHbLen,
+                                       &maps::kScreenState,       &maps::kOverflowingMapCheck,
+                                       &maps::kSkTcpCookieInSeq,  &maps::kSkTcpCookieOutSeq,
+                                       &maps::kSkTcpCookieOutAck, &maps::kAppNetDisconnLimit,
+                                       &maps::kAppVuskLimit};
 
 // Calls `visit(map)` for every row with its types, for code that reads or writes records.
 template <typename Visit>
@@ -166,7 +174,7 @@ constexpr PinnedMapInfo describe(const PinnedMap<K, V>& map) {
     return {map.path, map.name, sizeof(K), sizeof(V), map.family, map.access};
 }
 
-inline constexpr auto kPinnedMaps = std::apply(
-        [](const auto*... map) { return std::array{describe(*map)...}; }, kCatalogue);
+inline constexpr auto kPinnedMaps =
+        std::apply([](const auto*... map) { return std::array{describe(*map)...}; }, kCatalogue);
 
 }  // namespace android::bpf

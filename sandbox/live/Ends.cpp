@@ -114,7 +114,8 @@ SenderReport send(const Flow& flow, const std::string& ip, uint16_t port) {
         for (uint64_t done = 0; done < flow.bytes && remainingMs(deadline) > 0;) {
             pace(fd);
             if (remainingMs(deadline) == 0) break;
-            const size_t size = static_cast<size_t>(std::min<uint64_t>(flow.chunk, flow.bytes - done));
+            const size_t size =
+                    static_cast<size_t>(std::min<uint64_t>(flow.chunk, flow.bytes - done));
             const ssize_t n = tcp ? ::send(fd, chunk.data(), size, MSG_NOSIGNAL)
                                   : sendto(fd, chunk.data(), size, 0, to, sizeof(peer));
             if (n < 0 && (errno == EAGAIN || errno == EINTR)) continue;

@@ -97,7 +97,8 @@ struct LiveSide::Loaded {
                 const int fd = bpf_obj_get(path);
                 if (fd < 0) {
                     throw LiveError(errnoText(std::string("the live side needs every catalogue "
-                                                          "map pinned; opening ") + path));
+                                                          "map pinned; opening ") +
+                                              path));
                 }
                 const int err = bpf_map__reuse_fd(map, fd);
                 close(fd);
@@ -113,8 +114,8 @@ struct LiveSide::Loaded {
         libbpfLog.clear();
         if (const int err = bpf_object__load(object); err != 0) {
             errno = -err;
-            throw LiveError(errnoText(std::string("loading the ") + source.name +
-                                      " programs") + "\n" + libbpfLog);
+            throw LiveError(errnoText(std::string("loading the ") + source.name + " programs") +
+                            "\n" + libbpfLog);
         }
         bpf_program* program;
         bpf_object__for_each_program(program, object) {

@@ -1,15 +1,20 @@
 #include "Objects.h"
 
 // KOVRA_LIVE_OBJECT_DIR is where CMake compiled the objects; .incbin takes them in whole.
-#define KOVRA_EMBED(name)                                                               \
-    asm(".section .rodata\n"                                                            \
-        ".balign 8\n"                                                                   \
-        ".global kovra_live_" #name "\n"                                                \
-        "kovra_live_" #name ":\n"                                                       \
-        ".incbin \"" KOVRA_LIVE_OBJECT_DIR "/" #name ".bpf.o\"\n"                       \
-        ".global kovra_live_" #name "_end\n"                                            \
-        "kovra_live_" #name "_end:\n"                                                   \
-        ".previous\n");                                                                 \
+#define KOVRA_EMBED(name)                            \
+    asm(".section .rodata\n"                         \
+        ".balign 8\n"                                \
+        ".global kovra_live_" #name                  \
+        "\n"                                         \
+        "kovra_live_" #name                          \
+        ":\n"                                        \
+        ".incbin \"" KOVRA_LIVE_OBJECT_DIR "/" #name \
+        ".bpf.o\"\n"                                 \
+        ".global kovra_live_" #name                  \
+        "_end\n"                                     \
+        "kovra_live_" #name                          \
+        "_end:\n"                                    \
+        ".previous\n");                              \
     extern "C" const unsigned char kovra_live_##name[], kovra_live_##name##_end[]
 
 KOVRA_EMBED(firewall);

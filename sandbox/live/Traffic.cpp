@@ -4,16 +4,12 @@
 #include <fcntl.h>
 #include <grp.h>
 #include <net/if.h>
-#include <pthread.h>
-#include <signal.h>
-#include <stdio.h>
 #include <stdlib.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
-#include <functional>
 #include <optional>
 
 #include <kovralive/Live.h>
@@ -23,7 +19,6 @@
 
 #include "Children.h"
 #include "Ends.h"
-#include "Waits.h"
 
 namespace kovra::traffic {
 namespace {
@@ -82,11 +77,12 @@ std::vector<Sent> run(const std::vector<Flow>& flows, const std::string& cgroup)
     // A veth pair of the driver's own, named and addressed by its pid, so that drivers in
     // sandboxes side by side never collide.
     const pid_t pid = getpid();
-    const std::string subnet = "198." + std::to_string(18 + ((pid >> 8) & 1)) + "." +
-                               std::to_string(pid & 255) + ".";
+    const std::string subnet =
+            "198." + std::to_string(18 + ((pid >> 8) & 1)) + "." + std::to_string(pid & 255) + ".";
     const std::string vethApp = "kva" + std::to_string(pid), peerAddr = subnet + "2";
     std::optional<sandbox::VethPeer> veth;
-    if (std::any_of(flows.begin(), flows.end(), [](const Flow& f) { return f.route == Route::kVeth; })) {
+    if (std::any_of(flows.begin(), flows.end(),
+                    [](const Flow& f) { return f.route == Route::kVeth; })) {
         veth.emplace(vethApp, "kvp" + std::to_string(pid), subnet + "1", peerAddr);
     }
     struct Running {
@@ -104,11 +100,12 @@ std::vector<Sent> run(const std::vector<Flow>& flows, const std::string& cgroup)
         int stop[2];
         if (pipe2(stop, O_CLOEXEC) != 0) sandbox::fail("pipe for", "a flow");
         parentOnly.push_back(stop[1]);
-        auto [receiver, fromReceiver] = spawn(cgroup, parentOnly, [&, stopRead = stop[0]](int report) {
-            if (overVeth) veth->enter();
-            dropTo(flow.peerUid);
-            writeReport(report, receive(flow, ip, stopRead, report));
-        });
+        auto [receiver, fromReceiver] =
+                spawn(cgroup, parentOnly, [&, stopRead = stop[0]](int report) {
+                    if (overVeth) veth->enter();
+                    dropTo(flow.peerUid);
+                    writeReport(report, receive(flow, ip, stopRead, report));
+                });
         close(stop[0]);
         uint16_t port = 0;
         readAll(fromReceiver, port);

@@ -1,5 +1,6 @@
 # Compares the library's dynamic symbol table with the checked-in list, so that nothing is
 # exported, or stops being exported, unseen.
+include(${CMAKE_CURRENT_LIST_DIR}/../ListDifferences.cmake)
 execute_process(COMMAND ${NM} -D --defined-only ${LIBRARY}
                 OUTPUT_VARIABLE listing RESULT_VARIABLE rc)
 if(NOT rc EQUAL 0)
@@ -15,10 +16,7 @@ list(SORT actual)
 file(STRINGS ${EXPECTED} expected)
 list(SORT expected)
 if(NOT actual STREQUAL expected)
-    set(missing ${expected})
-    list(REMOVE_ITEM missing ${actual})
-    set(extra ${actual})
-    list(REMOVE_ITEM extra ${expected})
+    kovra_list_differences("${expected}" "${actual}" missing extra)
     message(FATAL_ERROR "exported symbols differ\n  missing: ${missing}\n  unexpected: ${extra}")
 endif()
 list(LENGTH actual count)

@@ -194,7 +194,7 @@ TEST_F(BpfMapDeathTest, InfoQueriesThatFailOrReplyShortAbort) {
 // ---- The shared lock of read-write openers. ----
 
 struct flock byteLock(short type, uint32_t id) {
-    struct flock lock{};
+    struct flock lock {};
     lock.l_type = type;
     lock.l_whence = SEEK_SET;
     lock.l_start = id;

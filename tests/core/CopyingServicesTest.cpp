@@ -11,7 +11,6 @@
 namespace kovra::test {
 namespace {
 
-
 enum class Kind { kRead, kHarvest };
 
 // A value unlike any other service's and any other key's, filling every byte; all zero for
@@ -62,7 +61,8 @@ void checkCopier(size_t index, const PinnedMap<K, V>& pinned, int (*service)(Tab
 
     // Keys are zero-extended into the table's key, the caller's entries stay as they were.
     Table expected = callers;
-    for (uint64_t key : {uint64_t{0}, kCallersKey, kZeroKey, uint64_t{std::numeric_limits<K>::max()}}) {
+    for (uint64_t key :
+         {uint64_t{0}, kCallersKey, kZeroKey, uint64_t{std::numeric_limits<K>::max()}}) {
         map.put(K(key), valueOf<V>(index, key));
         expected.try_emplace(Key(K(key)), widened<Mapped>(valueOf<V>(index, key)));
     }

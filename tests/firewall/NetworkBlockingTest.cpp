@@ -5,7 +5,6 @@
 namespace kovra::test {
 namespace {
 
-
 class NetworkBlockingTest : public KernelTest {};
 
 constexpr int kAllow = 1;

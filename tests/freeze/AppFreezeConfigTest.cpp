@@ -15,7 +15,6 @@ static std::ostream& operator<<(std::ostream& os, const AppFreezeConfig& c) {
 namespace kovra::test {
 namespace {
 
-
 class AppFreezeConfigTest : public KernelTest {};
 
 constexpr uint32_t kKey = 1;

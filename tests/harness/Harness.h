@@ -14,9 +14,9 @@
 #include <errno.h>
 #include <linux/bpf.h>
 #include <signal.h>
-#include <unistd.h>
 #include <stdint.h>
 #include <string.h>
+#include <unistd.h>
 
 #include <functional>
 #include <optional>
@@ -69,9 +69,15 @@ struct LogLine {
 std::ostream& operator<<(std::ostream& os, const LogLine& line);
 
 inline constexpr char kTag[] = "KovraBpfNetworkStats";
-inline LogLine errorLine(std::string text) { return {6, kTag, std::move(text)}; }
-inline LogLine debugLine(std::string text) { return {3, kTag, std::move(text)}; }
-inline LogLine untaggedError(std::string text) { return {6, std::nullopt, std::move(text)}; }
+inline LogLine errorLine(std::string text) {
+    return {6, kTag, std::move(text)};
+}
+inline LogLine debugLine(std::string text) {
+    return {3, kTag, std::move(text)};
+}
+inline LogLine untaggedError(std::string text) {
+    return {6, std::nullopt, std::move(text)};
+}
 
 // Returns the lines logged since the last call, and forgets them.
 std::vector<LogLine> takeLogs();
@@ -81,8 +87,8 @@ std::vector<LogLine> takeLogs();
 using interpose::realBpf;
 
 // Called for every bpf command the library (or the test) issues through syscall(). `nth` counts
-// this command from 1 since the hook was set (setting one restarts every count). Returning a value replaces the system
-// call (set errno yourself); nullopt lets it through.
+// this command from 1 since the hook was set (setting one restarts every count). Returning a value
+// replaces the system call (set errno yourself); nullopt lets it through.
 using BpfHook = std::function<std::optional<long>(int cmd, bpf_attr& attr, unsigned size, int nth)>;
 void setBpfHook(BpfHook hook);
 // Fails the nth call of `cmd` with `err`.

@@ -35,8 +35,8 @@ State& state() {
 }  // namespace
 
 std::ostream& operator<<(std::ostream& os, const LogLine& line) {
-    return os << "{prio " << line.priority << ", tag " << (line.tag ? '"' + *line.tag + '"' : "null")
-              << ", \"" << line.text << "\"}";
+    return os << "{prio " << line.priority << ", tag "
+              << (line.tag ? '"' + *line.tag + '"' : "null") << ", \"" << line.text << "\"}";
 }
 
 std::vector<LogLine> takeLogs() {

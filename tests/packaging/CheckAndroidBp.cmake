@@ -4,6 +4,7 @@
 # Sources under a host/ folder are host-only stand-ins for platform libraries and stay out of
 # the device build, and so do the files CMake generates in the build tree.
 cmake_minimum_required(VERSION 3.18)
+include(${CMAKE_CURRENT_LIST_DIR}/../ListDifferences.cmake)
 
 set(modules library=libkovrabpf sandbox=libkovra_sandbox kovractl=kovractl tests=libkovrabpf_tests)
 
@@ -44,10 +45,7 @@ foreach(entry ${modules})
     list(REMOVE_DUPLICATES cmake)
     list(SORT bp)
     if(NOT cmake STREQUAL bp)
-        set(only_cmake ${cmake})
-        list(REMOVE_ITEM only_cmake ${bp})
-        set(only_bp ${bp})
-        list(REMOVE_ITEM only_bp ${cmake})
+        kovra_list_differences("${cmake}" "${bp}" only_cmake only_bp)
         string(APPEND problems "\n${module}: only in CMake: ${only_cmake}; only in Android.bp: ${only_bp}")
     endif()
 endforeach()

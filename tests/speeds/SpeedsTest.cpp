@@ -9,7 +9,6 @@
 
 #include <netutils/ifc.h>
 
-
 #include "Harness.h"
 
 namespace kovra::test {

@@ -7,7 +7,6 @@
 #include <sys/stat.h>
 #include <sys/wait.h>
 
-
 #include <fstream>
 #include <map>
 #include <memory>
@@ -180,6 +179,8 @@ struct EnvironmentCase {
     std::string map, state;          // and what `kovractl maps` says of the map
 };
 
+// A table, kept as one by hand.
+// clang-format off
 const std::vector<EnvironmentCase> kEnvironmentCases = {
         {[] { return nullptr; }, {"net", "block", "5"}, true, {"kovractl: needs root"}, "", ""},
         {[] { return nullptr; }, {"sandbox", "--seed", "demo"}, true,
@@ -206,6 +207,7 @@ const std::vector<EnvironmentCase> kEnvironmentCases = {
          {"app_socket_speeds_map: wrong-type", "app_socket_info_map: not-a-map: a directory"},
          "app_socket_info", "not-a-map"},
 };
+// clang-format on
 
 TEST_F(KovractlTest, EnvironmentProblemsExitThreeAndTouchNothing) {
     for (const EnvironmentCase& c : kEnvironmentCases) {
@@ -228,7 +230,8 @@ TEST_F(KovractlTest, EnvironmentProblemsExitThreeAndTouchNothing) {
 }
 
 // Each removal a command reports, against what left the map.
-const std::vector<std::pair<std::vector<std::string>, std::vector<std::pair<const char*, const char*>>>>
+const std::vector<
+        std::pair<std::vector<std::string>, std::vector<std::pair<const char*, const char*>>>>
         kRemovals = {
                 {{"-j", "freeze", "syns"}, {{"/harvested", maps::kAppFreezeSyn.path}}},
                 {{"-j", "speeds", "sockets", "--stale-ms", "30000", "--min-kbps", "100"},
@@ -280,8 +283,9 @@ TEST_F(KovractlTest, RemovalsAreReportedWithTheirCounts) {
     for (const char* format : {"-j", "-v"}) {
         const Outcome full = kovractl({format, "freeze", "stats"}, false, "/dev/full");
         EXPECT_EQ(5, full.exitCode) << full;
-        EXPECT_TRUE(contains(full.err, "kovractl: writing the output failed: No space left on "
-                                       "device"))
+        EXPECT_TRUE(contains(full.err,
+                             "kovractl: writing the output failed: No space left on "
+                             "device"))
                 << full;
     }
 }
@@ -313,15 +317,20 @@ TEST_F(KovractlTest, StatusesAndViews) {
     const KovraStatsValue v = *sandbox::openMap(maps::kUidPurStats).get(10123);
     const std::vector<std::pair<std::vector<std::string>, json>> views = {
             {{"stats", "pur", "10123"},
-             {{{"uid", 10123}, {"rxPackets", v.rxPackets}, {"rxBytes", v.rxBytes},
-               {"txPackets", v.txPackets}, {"txBytes", v.txBytes}, {"extra0", v.extra0},
+             {{{"uid", 10123},
+               {"rxPackets", v.rxPackets},
+               {"rxBytes", v.rxBytes},
+               {"txPackets", v.txPackets},
+               {"txBytes", v.txBytes},
+               {"extra0", v.extra0},
                {"extra1", v.extra1}}}},
             {{"net", "list"},
              {{{"uid", 10066}, {"disconnected", 1}, {"legacyBlocked", nullptr}},
               {{"uid", 10077}, {"disconnected", nullptr}, {"legacyBlocked", 1}}}},
             {{"speeds", "config"}, {{"config", 3}}},
             {{"wakeup", "hb-len"},
-             {{{"uid", 10010}, {"hbLen", 300}}, {{"uid", 10020}, {"hbLen", 270}},
+             {{{"uid", 10010}, {"hbLen", 300}},
+              {{"uid", 10020}, {"hbLen", 270}},
               {{"uid", 10031}, {"hbLen", 600}}}},
     };
     for (auto [args, expected] : views) {
@@ -395,7 +404,8 @@ TEST_F(KovractlTest, IntervalListsCountTimesWithRates) {
 
     run = kovractl({"wakeup", "--interval", "0.1", "--count", "2", "--top", "1"});
     size_t blocks = 0;
-    for (size_t at = 0; (at = run.out.find("(Ctrl-C ends)", at)) != std::string::npos; ++at) ++blocks;
+    for (size_t at = 0; (at = run.out.find("(Ctrl-C ends)", at)) != std::string::npos; ++at)
+        ++blocks;
     EXPECT_EQ(2u, blocks) << run;
 }
 

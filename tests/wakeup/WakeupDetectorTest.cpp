@@ -9,7 +9,6 @@
 namespace kovra::test {
 namespace {
 
-
 class WakeupCountersDeathTest : public KernelTest {};
 
 TEST_F(WakeupCountersDeathTest, HeartbeatLengthIsCreatedOrReplacedInAWritableMapOnly) {

@@ -1,6 +1,5 @@
 #include "Output.h"
 
-
 namespace kovra::tool {
 namespace {
 

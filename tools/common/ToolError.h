@@ -10,8 +10,8 @@ namespace kovra::tool {
 // A fixed small set, clear of the shell's 126 and up (command not runnable, 128 + signal). The
 // errno behind a status is printed, not encoded in the exit code.
 inline constexpr int kExitOk = 0;
-inline constexpr int kExitFailed = 1;       // the service returned -1: a walk, write or delete failed
-inline constexpr int kExitUsage = 2;        // bad arguments; nothing was touched
+inline constexpr int kExitFailed = 1;  // the service returned -1: a walk, write or delete failed
+inline constexpr int kExitUsage = 2;   // bad arguments; nothing was touched
 inline constexpr int kExitEnvironment = 3;  // not root, a map missing or not fitting, no sandbox
 inline constexpr int kExitErrno = 4;        // the service returned -errno
 inline constexpr int kExitOutput = 5;       // the output could not be written

@@ -76,12 +76,14 @@ kovra::tool::Output report(const std::vector<Flow>& flows, const std::vector<Sen
     for (size_t i = 0; i < flows.size(); ++i) {
         const Flow& f = flows[i];
         const Sent& s = sent[i];
-        const auto text = [](int error) { return error == 0 ? Json(nullptr) : Json(strerror(error)); };
-        rows.rows.push_back({i, f.uid, f.peerUid, f.protocol == kovra::traffic::Protocol::kTcp ? "tcp" : "udp",
-                             f.route == kovra::traffic::Route::kLoopback ? "lo" : "veth",
-                             s.ifindex, f.rate, s.connections, s.bytes, s.messages,
-                             s.retransmitted, s.received, s.seconds, s.cookie, s.port,
-                             text(s.error), text(s.peerError)});
+        const auto text = [](int error) {
+            return error == 0 ? Json(nullptr) : Json(strerror(error));
+        };
+        rows.rows.push_back(
+                {i, f.uid, f.peerUid, f.protocol == kovra::traffic::Protocol::kTcp ? "tcp" : "udp",
+                 f.route == kovra::traffic::Route::kLoopback ? "lo" : "veth", s.ifindex, f.rate,
+                 s.connections, s.bytes, s.messages, s.retransmitted, s.received, s.seconds,
+                 s.cookie, s.port, text(s.error), text(s.peerError)});
     }
     kovra::tool::Output out{rows.toJson()};
     return std::move(out.table(rows));
@@ -144,7 +146,8 @@ int run(std::vector<std::string> args) {
     if (args.size() < 2) return usage("flow needs at least one FLOW");
     std::vector<kovra::traffic::Flow> flows;
     try {
-        for (size_t i = 1; i < args.size(); ++i) flows.push_back(kovra::traffic::parseFlow(args[i]));
+        for (size_t i = 1; i < args.size(); ++i)
+            flows.push_back(kovra::traffic::parseFlow(args[i]));
     } catch (const std::invalid_argument& e) {
         return usage(e.what());
     }

@@ -35,8 +35,7 @@ Output harvest(Context& ctx, int (*service)(std::unordered_map<uint64_t, Record>
     check(service(records), "harvesting the " + what);
     // The service has emptied the map: these records exist nowhere but in this output now.
     ctx.outputHoldsOnlyCopy = countOf(records.size(), "harvested record") + " removed from " +
-                              mapName(map.path) + (records.size() == 1 ? " is" : " are") +
-                              " lost";
+                              mapName(map.path) + (records.size() == 1 ? " is" : " are") + " lost";
     const Json left = entryCount(map);
     const Rows rows = recordRows(records);
     Output out{{{"rows", rows.toJson()}, {"harvested", records.size()}, {"left", left}}};
@@ -54,8 +53,8 @@ Output getConfig() {
     AppFreezeConfig config{};
     check(bpfGetAppFreezeConfig(config), "reading the freeze configuration");
     Output out{configJson(config)};
-    return std::move(out.table({{"word0", "word1", "word2"},
-                                {{config.word0, config.word1, config.word2}}}));
+    return std::move(
+            out.table({{"word0", "word1", "word2"}, {{config.word0, config.word1, config.word2}}}));
 }
 
 Output setConfig(const uint32_t (&words)[3]) {

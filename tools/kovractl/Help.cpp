@@ -89,7 +89,8 @@ void printManPage(const CLI::App& app) {
            "read-only handles. Before a service runs, kovractl checks the maps it opens and "
            "refuses with exit 3 what the library would abort on.\n");
     printf(".SH COMMANDS\n");
-    for (const CLI::App* sub : subcommandsOf(&app)) printManSection(sub, "kovractl " + sub->get_name());
+    for (const CLI::App* sub : subcommandsOf(&app))
+        printManSection(sub, "kovractl " + sub->get_name());
     printf(".SH \"EXIT STATUS\"\n%s\n", roff(kExitCodes + 1).c_str());
 }
 

@@ -18,8 +18,7 @@ namespace {
 // The record types are plain bytes in hash-like maps. A per-CPU map would return one value per
 // CPU into a buffer sized for one, and the other kinds hold no such records.
 bool fitsRecords(uint32_t type) {
-    return type == BPF_MAP_TYPE_HASH || type == BPF_MAP_TYPE_LRU_HASH ||
-           type == BPF_MAP_TYPE_ARRAY;
+    return type == BPF_MAP_TYPE_HASH || type == BPF_MAP_TYPE_LRU_HASH || type == BPF_MAP_TYPE_ARRAY;
 }
 
 // True when another open file description holds a write lock on the map's id byte, which makes
@@ -58,8 +57,8 @@ MapState inspectMap(const PinnedMapInfo& row, Access access) {
     struct stat st;
     if (stat(row.path, &st) != 0) {
         return errno == ENOENT ? fail(state, "missing", "not pinned")
-                               : fail(state, "no-access", std::string("cannot be looked at: ") +
-                                                                  strerror(errno));
+                               : fail(state, "no-access",
+                                      std::string("cannot be looked at: ") + strerror(errno));
     }
     if (S_ISDIR(st.st_mode)) return fail(state, "not-a-map", "a directory, not a pinned map");
     std::optional<RawMap> map;
@@ -128,8 +127,9 @@ void requireMaps(const MapNeeds& maps) {
     }
     if (!problems.empty()) {
         throw ToolError(kExitEnvironment,
-                        problems + "\nnothing was changed; `kovractl maps` shows every "
-                                   "map, `kovractl sandbox` gives a private set to try things on");
+                        problems +
+                                "\nnothing was changed; `kovractl maps` shows every "
+                                "map, `kovractl sandbox` gives a private set to try things on");
     }
 }
 

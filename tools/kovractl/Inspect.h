@@ -39,8 +39,8 @@ MapState inspectMap(const android::bpf::PinnedMapInfo& row, Access access);
 const android::bpf::PinnedMapInfo& rowOf(const char* path);
 
 template <typename K, typename V>
-std::pair<const android::bpf::PinnedMapInfo*, Access> needs(const android::bpf::PinnedMap<K, V>& map,
-                                                            Access access) {
+std::pair<const android::bpf::PinnedMapInfo*, Access> needs(
+        const android::bpf::PinnedMap<K, V>& map, Access access) {
     return {&rowOf(map.path), access};
 }
 using MapNeeds = std::vector<std::pair<const android::bpf::PinnedMapInfo*, Access>>;

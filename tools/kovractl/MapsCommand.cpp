@@ -37,20 +37,21 @@ Output listMaps() {
         const MapState s = inspectMap(row, row.access);
         const Json type = s.type ? Json(*s.type) : Json(nullptr);
         const Json entries = s.entries ? Json(*s.entries) : Json(nullptr);
-        rows.rows.push_back({mapName(row.path), familyName(row.family), type,
-                             optional(s.keySize), optional(s.valueSize), entries, s.state});
-        out.json.push_back({{"name", mapName(row.path)},
-                        {"path", row.path},
-                        {"family", familyName(row.family)},
-                        {"access", row.access == Access::kReadOnly ? "read-only" : "read-write"},
-                        {"type", type},
-                        {"keySize", optional(s.keySize)},
-                        {"valueSize", optional(s.valueSize)},
-                        {"expectedKeySize", row.keySize},
-                        {"expectedValueSize", row.valueSize},
-                        {"entries", entries},
-                        {"state", s.state},
-                        {"problem", s.problem.empty() ? Json(nullptr) : Json(s.problem)}});
+        rows.rows.push_back({mapName(row.path), familyName(row.family), type, optional(s.keySize),
+                             optional(s.valueSize), entries, s.state});
+        out.json.push_back(
+                {{"name", mapName(row.path)},
+                 {"path", row.path},
+                 {"family", familyName(row.family)},
+                 {"access", row.access == Access::kReadOnly ? "read-only" : "read-write"},
+                 {"type", type},
+                 {"keySize", optional(s.keySize)},
+                 {"valueSize", optional(s.valueSize)},
+                 {"expectedKeySize", row.keySize},
+                 {"expectedValueSize", row.valueSize},
+                 {"entries", entries},
+                 {"state", s.state},
+                 {"problem", s.problem.empty() ? Json(nullptr) : Json(s.problem)}});
         if (!s.problem.empty()) problems.push_back(mapName(row.path) + ": " + s.problem);
     }
     out.table(rows);

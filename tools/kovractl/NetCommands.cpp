@@ -1,7 +1,9 @@
 // kovractl net: cutting apps off the network, letting them back on, and who is cut off.
-#include <kovrabpf/KovraBpfNetworkStats.h>
+#include <limits.h>
 
 #include <map>
+
+#include <kovrabpf/KovraBpfNetworkStats.h>
 
 #include "Commands.h"
 
@@ -11,9 +13,12 @@ using namespace android::bpf;
 
 namespace {
 
+constexpr char kLegacyHelp[] =
+        "The legacy firewall switch: RULE 1 allows the app (exit 1 when it was not blocked), any "
+        "other RULE blocks it";
+
 struct NetOptions {
-    uint32_t uid = 0;
-    uint32_t rule = 0;
+    uint32_t uid = 0, rule = 0;
 };
 
 // The services take the UID as int and use its bits unchanged as the unsigned key.
@@ -25,8 +30,8 @@ int asServiceUid(uint32_t uid) {
 
 Output block(uint32_t uid, bool blocked) {
     requireMaps({needs(maps::kAppNetDisconnLimit, Access::kReadWrite)});
-    const int status = blocked ? bpfDisableNetwork(asServiceUid(uid))
-                               : bpfEnableNetwork(asServiceUid(uid));
+    const int status =
+            blocked ? bpfDisableNetwork(asServiceUid(uid)) : bpfEnableNetwork(asServiceUid(uid));
     return change(status, (blocked ? "block UID " : "unblock UID ") + std::to_string(uid),
                   {{"uid", uid}, {"action", blocked ? "block" : "unblock"}});
 }
@@ -44,7 +49,8 @@ Output list() {
     requireMaps({needs(maps::kAppNetDisconnLimit, Access::kReadOnly),
                  needs(maps::kAppVuskLimit, Access::kReadOnly)});
     std::map<uint32_t, std::pair<Json, Json>> byUid;
-    for (const auto& [uid, value] : readEntries(maps::kAppNetDisconnLimit)) byUid[uid].first = value;
+    for (const auto& [uid, value] : readEntries(maps::kAppNetDisconnLimit))
+        byUid[uid].first = value;
     for (const auto& [uid, value] : readEntries(maps::kAppVuskLimit)) byUid[uid].second = value;
     Rows rows{{"uid", "disconnected", "legacyBlocked"}, {}};
     for (const auto& [uid, values] : byUid) {
@@ -60,7 +66,8 @@ void addNetCommands(CLI::App& app, Context& ctx) {
     CLI::App* net = app.add_subcommand("net", "Per-app network blocking")->require_subcommand(1);
 
     CLI::App* listCommand = net->add_subcommand(
-            "list", "The UIDs with an entry in the disconnect map or the legacy map, and its value");
+            "list",
+            "The UIDs with an entry in the disconnect map or the legacy map, and its value");
     onShow(listCommand, ctx, list);
 
     CLI::App* blockCommand = net->add_subcommand("block", "Cut the app off the network");
@@ -72,13 +79,10 @@ void addNetCommands(CLI::App& app, Context& ctx) {
     addNumber(unblockCommand, "UID", opts->uid, "The app's UID");
     onShow(unblockCommand, ctx, [opts] { return block(opts->uid, false); });
 
-    CLI::App* legacyCommand = net->add_subcommand(
-            "legacy",
-            "The legacy firewall switch: RULE 1 allows the app (exit 1 when it was not "
-            "blocked), any other RULE blocks it");
+    CLI::App* legacyCommand = net->add_subcommand("legacy", kLegacyHelp);
     addNumber(legacyCommand, "UID", opts->uid, "The app's UID");
-    addNumber(legacyCommand, "RULE", opts->rule, "1 allows, anything else blocks",
-              std::numeric_limits<int>::max());
+    // The service takes the rule as int.
+    addNumber(legacyCommand, "RULE", opts->rule, "1 allows, anything else blocks", INT_MAX);
     onShow(legacyCommand, ctx, [opts] { return legacy(opts->uid, opts->rule); });
 }
 

@@ -17,8 +17,8 @@
 #include <optional>
 
 #include <kovrasandbox/Bpffs.h>
-#include <kovrasandbox/Clock.h>
 #include <kovrasandbox/Child.h>
+#include <kovrasandbox/Clock.h>
 #include <kovrasandbox/Maps.h>
 #include <kovrasandbox/Netns.h>
 #include <kovrasandbox/Seed.h>

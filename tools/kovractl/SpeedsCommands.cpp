@@ -64,63 +64,65 @@ int socketSpeeds(const Context& ctx, const SpeedsOptions& opts) {
     requireMaps({{&speedsMap, Access::kReadWrite},
                  {&infoMap, Access::kReadWrite},
                  needs(maps::kAppSocketSpeedsIfindex, Access::kReadWrite)});
-    View view{{"cookie", "ifindex", "firstSpeedKbps", "secondSpeedKbps", "firstStamp",
-               "secondStamp", "tag"},
-              "socket",
-              {},
-              [&] {
-                  const std::set<uint64_t> sockets = keysOf(speedsMap), infos = keysOf(infoMap);
-                  std::unordered_map<uint64_t, SpeedsValue> speeds;
-                  std::unordered_set<uint64_t> watched(opts.watch.begin(), opts.watch.end());
-                  check(bpfGetAppSocketSpeedsTotal(speeds, opts.staleMs, opts.minKbps, watched),
-                        "reading the socket speeds");
-                  const std::vector<uint64_t> pruned = gone(sockets, keysOf(speedsMap));
-                  const size_t info = gone(infos, keysOf(infoMap)).size();
-                  Listing listing;
-                  for (uint64_t cookie : sortedKeys(speeds)) {
-                      const SpeedsValue& v = speeds.at(cookie);
-                      listing.rows.rows.push_back({cookie, v.ifindex, v.firstSpeed, v.secondSpeed,
-                                                   v.firstStamp, v.secondStamp, v.tag});
-                  }
-                  listing.changes = {{"pruned", {{"sockets", pruned.size()},
-                                                 {"socketInfo", info},
-                                                 {"cookies", pruned}}}};
-                  listing.lines = {prunedLine(ctx, pruned, "socket", false) + " (and " +
-                                   countOf(info, "socket information record") + ")"};
-                  return listing;
-              }};
+    View view{
+            {"cookie", "ifindex", "firstSpeedKbps", "secondSpeedKbps", "firstStamp", "secondStamp",
+             "tag"},
+            "socket",
+            {},
+            [&] {
+                const std::set<uint64_t> sockets = keysOf(speedsMap), infos = keysOf(infoMap);
+                std::unordered_map<uint64_t, SpeedsValue> speeds;
+                std::unordered_set<uint64_t> watched(opts.watch.begin(), opts.watch.end());
+                check(bpfGetAppSocketSpeedsTotal(speeds, opts.staleMs, opts.minKbps, watched),
+                      "reading the socket speeds");
+                const std::vector<uint64_t> pruned = gone(sockets, keysOf(speedsMap));
+                const size_t info = gone(infos, keysOf(infoMap)).size();
+                Listing listing;
+                for (uint64_t cookie : sortedKeys(speeds)) {
+                    const SpeedsValue& v = speeds.at(cookie);
+                    listing.rows.rows.push_back({cookie, v.ifindex, v.firstSpeed, v.secondSpeed,
+                                                 v.firstStamp, v.secondStamp, v.tag});
+                }
+                listing.changes = {
+                        {"pruned",
+                         {{"sockets", pruned.size()}, {"socketInfo", info}, {"cookies", pruned}}}};
+                listing.lines = {prunedLine(ctx, pruned, "socket", false) + " (and " +
+                                 countOf(info, "socket information record") + ")"};
+                return listing;
+            }};
     return present(ctx, opts.list, view);
 }
 
 int uidSpeeds(const Context& ctx, const SpeedsOptions& opts) {
     const PinnedMapInfo& pairsMap = rowOf(maps::kAppUidSpeeds.path);
     requireMaps({{&pairsMap, Access::kReadWrite}});
-    View view{{"uid", "ifindex", "firstSpeedKbps", "secondSpeedKbps"}, "pair", {}, [&] {
-                  const std::set<uint64_t> before = keysOf(pairsMap);
-                  std::unordered_map<uint64_t, IfaceSpeedsValue> speeds;
-                  check(bpfGetAppUidSpeedsTotal(speeds, opts.staleMs), "reading the UID speeds");
-                  const std::vector<uint64_t> pruned = gone(before, keysOf(pairsMap));
-                  // The table's key is the pair read as one little-endian u64: UID low,
-                  // interface high. Rows by UID, then interface.
-                  std::vector<uint64_t> keys = sortedKeys(speeds);
-                  std::sort(keys.begin(), keys.end(), [](uint64_t a, uint64_t b) {
-                      return std::pair(static_cast<uint32_t>(a), a >> 32) <
-                             std::pair(static_cast<uint32_t>(b), b >> 32);
-                  });
-                  Listing listing;
-                  for (uint64_t key : keys) {
-                      listing.rows.rows.push_back({static_cast<uint32_t>(key), key >> 32,
-                                                   speeds.at(key).firstSpeedKbps,
-                                                   speeds.at(key).secondSpeedKbps});
-                  }
-                  Json which = Json::array();
-                  for (uint64_t key : pruned) {
-                      which.push_back({{"uid", static_cast<uint32_t>(key)}, {"ifindex", key >> 32}});
-                  }
-                  listing.changes = {{"pruned", {{"pairs", pruned.size()}, {"which", which}}}};
-                  listing.lines = {prunedLine(ctx, pruned, "pair", true)};
-                  return listing;
-              }};
+    View view{
+            {"uid", "ifindex", "firstSpeedKbps", "secondSpeedKbps"}, "pair", {}, [&] {
+                const std::set<uint64_t> before = keysOf(pairsMap);
+                std::unordered_map<uint64_t, IfaceSpeedsValue> speeds;
+                check(bpfGetAppUidSpeedsTotal(speeds, opts.staleMs), "reading the UID speeds");
+                const std::vector<uint64_t> pruned = gone(before, keysOf(pairsMap));
+                // The table's key is the pair read as one little-endian u64: UID low,
+                // interface high. Rows by UID, then interface.
+                std::vector<uint64_t> keys = sortedKeys(speeds);
+                std::sort(keys.begin(), keys.end(), [](uint64_t a, uint64_t b) {
+                    return std::pair(static_cast<uint32_t>(a), a >> 32) <
+                           std::pair(static_cast<uint32_t>(b), b >> 32);
+                });
+                Listing listing;
+                for (uint64_t key : keys) {
+                    listing.rows.rows.push_back({static_cast<uint32_t>(key), key >> 32,
+                                                 speeds.at(key).firstSpeedKbps,
+                                                 speeds.at(key).secondSpeedKbps});
+                }
+                Json which = Json::array();
+                for (uint64_t key : pruned) {
+                    which.push_back({{"uid", static_cast<uint32_t>(key)}, {"ifindex", key >> 32}});
+                }
+                listing.changes = {{"pruned", {{"pairs", pruned.size()}, {"which", which}}}};
+                listing.lines = {prunedLine(ctx, pruned, "pair", true)};
+                return listing;
+            }};
     return present(ctx, opts.list, view);
 }
 
@@ -193,9 +195,9 @@ Output localStatus(uint64_t cookie) {
     const int status = bpfGetSocketLocalStatus(cookie);
     check(status, "telling whether socket " + std::to_string(cookie) + " is local");
     Output out{{{"cookie", cookie}, {"local", status == 1}}};
-    return std::move(out.line("socket " + std::to_string(cookie) + ": " +
-                              (status == 1 ? "peer in the interface's subnet"
-                                           : "peer outside the subnet")));
+    return std::move(
+            out.line("socket " + std::to_string(cookie) + ": " +
+                     (status == 1 ? "peer in the interface's subnet" : "peer outside the subnet")));
 }
 
 }  // namespace
@@ -222,8 +224,7 @@ void addSpeedsCommands(CLI::App& app, Context& ctx) {
     onRun(sockets, ctx, [&ctx, opts] { return socketSpeeds(ctx, *opts); });
 
     CLI::App* uids = speeds->add_subcommand(
-            "uids",
-            "Every live (UID, interface) pair in kbps; prunes, and reports, stale pairs");
+            "uids", "Every live (UID, interface) pair in kbps; prunes, and reports, stale pairs");
     addNumber(uids, "--stale-ms", opts->staleMs, "Age in ms beyond which a speed is stale");
     addListOptions(uids, opts->list, true);
     onRun(uids, ctx, [&ctx, opts] { return uidSpeeds(ctx, *opts); });
@@ -233,8 +234,8 @@ void addSpeedsCommands(CLI::App& app, Context& ctx) {
             "Without arguments, list the measured interfaces; with them, put an interface into "
             "measurement, or take it out and wipe what was gathered for it");
     CLI::Option* ifindex = addNumber(iface, "IFINDEX", opts->ifindex, "Interface index");
-    CLI::Option* state =
-            iface->add_option("STATE", opts->state, "on or off")->check(CLI::IsMember({"on", "off"}));
+    CLI::Option* state = iface->add_option("STATE", opts->state, "on or off")
+                                 ->check(CLI::IsMember({"on", "off"}));
     iface->add_flag("--local", opts->local,
                     "With on: leave sockets whose peer is in the interface's subnet out of "
                     "reports");
@@ -243,18 +244,16 @@ void addSpeedsCommands(CLI::App& app, Context& ctx) {
             throw CLI::ValidationError("--local", "goes with on");
         }
     });
-    onShow(iface, ctx, [opts, state] {
-        return state->count() > 0 ? bindInterface(*opts) : listInterfaces();
-    });
+    onShow(iface, ctx,
+           [opts, state] { return state->count() > 0 ? bindInterface(*opts) : listInterfaces(); });
 
-    CLI::App* config = speeds->add_subcommand(
-            "config", "Show the global speed configuration word, or set it");
+    CLI::App* config =
+            speeds->add_subcommand("config", "Show the global speed configuration word, or set it");
     CLI::Option* word =
             addNumber(config, "WORD", opts->config, "The word, as the kernel side reads it")
                     ->required(false);
-    onShow(config, ctx, [opts, word] {
-        return word->count() > 0 ? setConfig(opts->config) : showConfig();
-    });
+    onShow(config, ctx,
+           [opts, word] { return word->count() > 0 ? setConfig(opts->config) : showConfig(); });
 
     CLI::App* local = speeds->add_subcommand(
             "local",

@@ -124,7 +124,8 @@ int readCounters(const Context& ctx, const WakeupOptions& opts) {
 Output listHeartbeats() {
     requireMaps({needs(maps::kImAppHbLen, Access::kReadOnly)});
     Rows rows{{"uid", "hbLen"}, {}};
-    for (const auto& [uid, length] : readEntries(maps::kImAppHbLen)) rows.rows.push_back({uid, length});
+    for (const auto& [uid, length] : readEntries(maps::kImAppHbLen))
+        rows.rows.push_back({uid, length});
     std::sort(rows.rows.begin(), rows.rows.end());
     return listing(rows, "heartbeat length");
 }
@@ -203,7 +204,8 @@ Output switchScreen(const std::string& state, uint64_t stamp) {
     Json reset = Json::array();
     for (const auto& [bit, path] : flagged) {
         mask |= bit;
-        reset.push_back({{"bit", bit}, {"map", mapName(path)}, {"entries", entryCount(rowOf(path))}});
+        reset.push_back(
+                {{"bit", bit}, {"map", mapName(path)}, {"entries", entryCount(rowOf(path))}});
     }
     const int status = bpfUpdateScreenStateMap(on ? 1 : 0, stamp);
     Json details = {{"screen", state}, {"stamp", stamp}};
@@ -240,8 +242,8 @@ void addWakeupCommands(CLI::App& app, Context& ctx) {
     CLI::App* hbLen = wakeup->add_subcommand(
             "hb-len", "Without arguments, list the IM heartbeat lengths; with them, register one");
     CLI::Option* uid = addNumber(hbLen, "UID", opts->uid, "The app's UID");
-    CLI::Option* length =
-            addNumber(hbLen, "LEN", opts->hbLen, "The heartbeat length, as the kernel side expects it");
+    CLI::Option* length = addNumber(hbLen, "LEN", opts->hbLen,
+                                    "The heartbeat length, as the kernel side expects it");
     allOrNone(hbLen, {uid, length}, [counterNames] {
         if (counterNames->count() > 0) {
             throw CLI::ValidationError("hb-len", "takes no counter map names before it");
@@ -256,10 +258,10 @@ void addWakeupCommands(CLI::App& app, Context& ctx) {
             "Without arguments, show the screen state and the overflow flags; with them, record a "
             "screen-state change: `on` also resets the maps the kernel side flags as overflowing, "
             "`off` drops the heartbeat lengths (both reported)");
-    CLI::Option* state =
-            screen->add_option("STATE", opts->screen, "on or off")->check(CLI::IsMember({"on", "off"}));
-    CLI::Option* stamp =
-            addNumber(screen, "STAMP", opts->stamp, "The time stamp of the change, stored as given");
+    CLI::Option* state = screen->add_option("STATE", opts->screen, "on or off")
+                                 ->check(CLI::IsMember({"on", "off"}));
+    CLI::Option* stamp = addNumber(screen, "STAMP", opts->stamp,
+                                   "The time stamp of the change, stored as given");
     allOrNone(screen, {state, stamp});
     onShow(screen, ctx, [opts, state] {
         return state->count() > 0 ? switchScreen(opts->screen, opts->stamp) : showScreen();

@@ -35,7 +35,6 @@ void sleepUnlessStopped(double seconds) {
     }
 }
 
-
 // "rx_bytes", "RX-BYTES" and "rxBytes" all name the column rxBytes.
 std::string normalized(const std::string& name) {
     std::string out;
@@ -119,7 +118,8 @@ void sortAndCut(Rows& rows, const ListOptions& options) {
 Listing take(const View& view, const ListOptions& options, Rates* rates, size_t& total) {
     Listing listing = view.list();
     if (listing.rows.columns.empty()) listing.rows.columns = view.columns;
-    if (rates != nullptr) rates->add(view, listing.rows, static_cast<double>(sandbox::monotonicNowNs()) / 1e9);
+    if (rates != nullptr)
+        rates->add(view, listing.rows, static_cast<double>(sandbox::monotonicNowNs()) / 1e9);
     total = listing.rows.rows.size();
     sortAndCut(listing.rows, options);
     return listing;
@@ -198,8 +198,8 @@ int present(const Context& ctx, const ListOptions& options, const View& view) {
             char clock[16];
             strftime(clock, sizeof(clock), "%H:%M:%S", localtime(&now));
             // On a terminal each listing replaces the last; in a file they follow each other.
-            printf("%s%s, every %gs (Ctrl-C ends)\n", terminal ? "\033[H\033[2J" : (n > 0 ? "\n" : ""),
-                   clock, options.interval);
+            printf("%s%s, every %gs (Ctrl-C ends)\n",
+                   terminal ? "\033[H\033[2J" : (n > 0 ? "\n" : ""), clock, options.interval);
             printListing(ctx, listing, total, view);
         }
         if (fflush(stdout) != 0) break;

@@ -132,7 +132,8 @@ int run(std::vector<std::string> args) {
         }
         fprintf(stderr, "%s%s\n", prefix.c_str(), lines.c_str());
         if (ctx.jsonOutput() && !error.inJson()) {
-            printf("%s\n", Json({{"error", error.what()}, {"exitCode", error.exitCode()}}).dump().c_str());
+            printf("%s\n",
+                   Json({{"error", error.what()}, {"exitCode", error.exitCode()}}).dump().c_str());
         }
         code = error.exitCode();
     } catch (const std::exception& error) {

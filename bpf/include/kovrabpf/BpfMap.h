@@ -28,8 +28,8 @@
 #include <utility>
 
 #include <android-base/result.h>
-#include <android/log.h>
 #include <android-base/unique_fd.h>
+#include <android/log.h>
 #include <fmt/format.h>
 
 #include <kovrabpf/BpfSyscall.h>

@@ -12,8 +12,7 @@ namespace kovra::sandbox {
 
 class Error : public std::runtime_error {
   public:
-    explicit Error(const std::string& what, int code = 0)
-        : std::runtime_error(what), mCode(code) {}
+    explicit Error(const std::string& what, int code = 0) : std::runtime_error(what), mCode(code) {}
     // The errno of the failed call; 0 when none was involved.
     int code() const { return mCode; }
 

@@ -9,12 +9,12 @@
 // AppFreezeSynInfo, 16 bytes.
 struct freeze_syn {
     __u32 uid;
-    __u32 remote4;      // network order; 0 for IPv6
-    __u16 remotePort;   // host order
-    __u16 localPort;    // host order
-    __u16 attempts;     // SYNs seen on this socket, saturating
-    __u8 inbound;       // 1: the SYN reached the app (its listener), 0: the app sent it
-    __u8 protocol;      // IPPROTO_TCP
+    __u32 remote4;     // network order; 0 for IPv6
+    __u16 remotePort;  // host order
+    __u16 localPort;   // host order
+    __u16 attempts;    // SYNs seen on this socket, saturating
+    __u8 inbound;      // 1: the SYN reached the app (its listener), 0: the app sent it
+    __u8 protocol;     // IPPROTO_TCP
 };
 
 // AppFreezeStatsInfo, 40 bytes.
@@ -23,7 +23,7 @@ struct freeze_stats {
     __u64 rxBytes;
     __u64 txPackets;
     __u64 txBytes;
-    __u64 lastNs;       // bpf_ktime_get_ns (CLOCK_MONOTONIC) of the latest packet
+    __u64 lastNs;  // bpf_ktime_get_ns (CLOCK_MONOTONIC) of the latest packet
 };
 
 HASH_MAP(app_freeze_syn, __u64, struct freeze_syn);

@@ -13,20 +13,22 @@
 #include <linux/tcp.h>
 #include <linux/udp.h>
 #include <stdbool.h>
+
 #include <bpf/bpf_endian.h>
 #include <bpf/bpf_helpers.h>
+
 #include <kovrabpf/KovraKernelContract.h>
 
 #define NS_PER_MS 1000000ULL
 
 // The loader swaps every catalogue map for the pinned one, which keeps its own room; the desk's
 // own maps are created with this room, enough for every UID a test or a sandbox freezes.
-#define HASH_MAP(name_, key_, value_)              \
-    struct {                                       \
-        __uint(type, BPF_MAP_TYPE_HASH);           \
-        __uint(max_entries, 1024);                 \
-        __type(key, key_);                         \
-        __type(value, value_);                     \
+#define HASH_MAP(name_, key_, value_)    \
+    struct {                             \
+        __uint(type, BPF_MAP_TYPE_HASH); \
+        __uint(max_entries, 1024);       \
+        __type(key, key_);               \
+        __type(value, value_);           \
     } name_ SEC(".maps")
 
 // Both limit maps block alike: an entry with KOVRA_BLOCKED cuts the UID off (the services write
@@ -48,18 +50,18 @@ struct packet {
     __u32 uid;
     __u32 ifindex;
     __u64 cookie;
-    __u8 protocol;      // IPPROTO_TCP, IPPROTO_UDP, or whatever else
-    __u8 tcpFlags;      // byte 13 of the TCP header (FIN 1, SYN 2, RST 4, PSH 8, ACK 16)
+    __u8 protocol;  // IPPROTO_TCP, IPPROTO_UDP, or whatever else
+    __u8 tcpFlags;  // byte 13 of the TCP header (FIN 1, SYN 2, RST 4, PSH 8, ACK 16)
     bool ipv4;
-    __u32 segments;     // gso_segs: the packets this skb leaves or arrived as
-    __u64 bytes;        // IP bytes of all segments, headers of every segment included
-    __u64 payload;      // transport payload of all segments
-    __u32 seq;          // TCP sequence and acknowledgement numbers, host order
+    __u32 segments;  // gso_segs: the packets this skb leaves or arrived as
+    __u64 bytes;     // IP bytes of all segments, headers of every segment included
+    __u64 payload;   // transport payload of all segments
+    __u32 seq;       // TCP sequence and acknowledgement numbers, host order
     __u32 ack;
-    __u16 localPort;    // host order
+    __u16 localPort;  // host order
     __u16 remotePort;
-    __u32 remote4;      // network order, IPv4 only
-    __u8 remote6[16];   // IPv6 only
+    __u32 remote4;     // network order, IPv4 only
+    __u8 remote6[16];  // IPv6 only
 };
 
 #define TCP_FIN 0x01

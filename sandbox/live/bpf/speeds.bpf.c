@@ -44,11 +44,11 @@ struct socket_tuple {
     __u32 uid;
     __u32 ifindex;
     __u32 ipv4Valid;
-    __u16 localPort;     // host order
-    __u16 remotePort;    // host order
+    __u16 localPort;   // host order
+    __u16 remotePort;  // host order
     __u8 protocol;
     __u8 pad[3];
-    __u32 remoteAddr4;   // network order
+    __u32 remoteAddr4;  // network order
     __u8 remoteAddr6[16];
     __u8 unused[24];
 };

@@ -39,8 +39,8 @@ HASH_MAP(im_app_hb_len, __u32, __u32);
 
 // The detector's own state per UID; not a catalogue map.
 struct uid_state {
-    __u64 lastNs;        // the UID's latest burst segment
-    __u64 durationNs;    // summed burst durations
+    __u64 lastNs;      // the UID's latest burst segment
+    __u64 durationNs;  // summed burst durations
 };
 struct {
     __uint(type, BPF_MAP_TYPE_LRU_HASH);
@@ -112,7 +112,8 @@ static __always_inline int detect(struct __sk_buff* skb, bool egress) {
         setSequence(&sk_tcp_cookie_in_seq, p.cookie, next, KOVRA_OVERFLOW_IN_SEQ);
     } else {
         setSequence(&sk_tcp_cookie_out_seq, p.cookie, next, KOVRA_OVERFLOW_OUT_SEQ);
-        if (p.tcpFlags & TCP_ACK) setSequence(&sk_tcp_cookie_out_ack, p.cookie, p.ack, KOVRA_OVERFLOW_OUT_ACK);
+        if (p.tcpFlags & TCP_ACK)
+            setSequence(&sk_tcp_cookie_out_ack, p.cookie, p.ack, KOVRA_OVERFLOW_OUT_ACK);
         __u32* hbLen = bpf_map_lookup_elem(&im_app_hb_len, &p.uid);
         if (hbLen != NULL && p.payload != 0 && p.payload == *hbLen) {
             bump(&app_tcp_out_im_hb, p.uid, NO_BIT);
@@ -139,7 +140,8 @@ static __always_inline int detect(struct __sk_buff* skb, bool egress) {
         if (egress) {
             bump(&app_tcp_outwakeup, p.uid, KOVRA_OVERFLOW_OUTWAKEUP);
             if (rewake) bump(&app_tcp_reoutwakeup, p.uid, NO_BIT);
-            if (device->uid != p.uid && device->lastNs != 0 && now - device->lastNs < BURST_GAP_NS) {
+            if (device->uid != p.uid && device->lastNs != 0 &&
+                now - device->lastNs < BURST_GAP_NS) {
                 bump(&app_tcp_out_align, p.uid, NO_BIT);
             }
         } else {

@@ -13,16 +13,16 @@ enum class Protocol { kTcp, kUdp };
 enum class Route { kLoopback, kVeth };
 
 struct Flow {
-    uint32_t uid = 0;        // the app that connects and sends
-    uint32_t peerUid = 0;    // the app that listens and receives
+    uint32_t uid = 0;      // the app that connects and sends
+    uint32_t peerUid = 0;  // the app that listens and receives
     Protocol protocol = Protocol::kTcp;
     Route route = Route::kLoopback;
-    uint64_t bytes = 0;      // payload per connection
-    uint32_t chunk = 1000;   // bytes per write or datagram
-    uint64_t rate = 0;       // payload bytes per second; 0: as fast as it goes
+    uint64_t bytes = 0;        // payload per connection
+    uint32_t chunk = 1000;     // bytes per write or datagram
+    uint64_t rate = 0;         // payload bytes per second; 0: as fast as it goes
     uint32_t connections = 1;  // TCP: one after the other
-    uint32_t holdMs = 0;     // TCP: idle time before closing each connection
-    bool keepAlive = false;  // TCP: the listener probes idle connections every second
+    uint32_t holdMs = 0;       // TCP: idle time before closing each connection
+    bool keepAlive = false;    // TCP: the listener probes idle connections every second
     uint32_t limitMs = 60000;  // the flow ends at this age whatever it has sent
 };
 

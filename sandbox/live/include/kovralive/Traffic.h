@@ -15,16 +15,16 @@
 namespace kovra::traffic {
 
 struct Sent {
-    uint64_t bytes = 0;      // payload the app wrote
-    uint64_t messages = 0;   // writes or datagrams
+    uint64_t bytes = 0;          // payload the app wrote
+    uint64_t messages = 0;       // writes or datagrams
     uint64_t retransmitted = 0;  // TCP payload bytes sent again (tcpi_bytes_retrans)
-    uint64_t received = 0;   // payload the peer read
+    uint64_t received = 0;       // payload the peer read
     uint32_t connections = 0;
-    uint64_t cookie = 0;     // socket cookie of the app's first socket
-    uint32_t ifindex = 0;    // interface the flow leaves by
-    uint16_t port = 0;       // the peer's port
-    int error = 0;           // errno of the app's first failed socket call, 0 if none
-    int peerError = 0;       // errno of the peer's failure to listen, 0 if it listened
+    uint64_t cookie = 0;   // socket cookie of the app's first socket
+    uint32_t ifindex = 0;  // interface the flow leaves by
+    uint16_t port = 0;     // the peer's port
+    int error = 0;         // errno of the app's first failed socket call, 0 if none
+    int peerError = 0;     // errno of the peer's failure to listen, 0 if it listened
     double seconds = 0;
 };
 
@@ -32,7 +32,8 @@ struct Sent {
 // by its deadline. `cgroup` is the live side's sub-cgroup that both ends join. Every child dies
 // with the thread that called run(). Sends only in the network namespace declared in
 // live::kNetnsEnv; throws a sandbox::Error (a live::LiveError) in any other, or when the
-// network or a flow's ends cannot be prepared. One run at a time per process (stop() reaches the children of the current one).
+// network or a flow's ends cannot be prepared. One run at a time per process (stop() reaches the
+// children of the current one).
 std::vector<Sent> run(const std::vector<Flow>& flows, const std::string& cgroup);
 
 // Ends every flow of the run under way (or, before one, of the next) within a second, each
