@@ -642,5 +642,30 @@ TEST_F(KovractlTest, BadCapturesAreRefusedWholeAndWriteNothing) {
     EXPECT_TRUE(before == snapshotMaps()) << "a refused capture changed a map";
 }
 
+// diff lists what was added, removed and changed per map, with the deltas of numbers; exit 1 when
+// the maps differ, 0 when they do not.
+TEST_F(KovractlTest, DiffListsEachMapsChangesWithDeltas) {
+    const std::string before = saved(kovractl({"-j", "dump"}).out, "before.json");
+    const size_t syns = snapshotMaps().at(maps::kAppFreezeSyn.path).size();
+    const auto stats = sandbox::openMap(maps::kUidPurStats);
+    KovraStatsValue value = *stats.get(10123);
+    value.rxBytes -= 5;
+    stats.put(10123, value);
+    ASSERT_EQ(0, kovractl({"net", "block", "10099"}).exitCode);
+    ASSERT_EQ(0, kovractl({"freeze", "syns"}).exitCode);
+    const std::string after = saved(kovractl({"-j", "dump"}).out, "after.json");
+
+    const Outcome run = kovractl({"-j", "diff", before, after});
+    EXPECT_EQ(1, run.exitCode) << run;
+    const json diff = jsonOf(run);
+    EXPECT_EQ(3u, diff.size()) << diff;  // the three maps changed, no other
+    EXPECT_EQ(json({{"from", value.rxBytes + 5}, {"to", value.rxBytes}, {"delta", -5}}),
+              diff["uid_pur_stats"]["changed"][0]["fields"]["rxBytes"]);
+    EXPECT_EQ(syns, diff["app_freeze_syn"]["removed"].size());
+    EXPECT_EQ(json({{"key", {{"uid", 10099}}}, {"value", {{"value", 1}}}}),
+              diff["app_net_disconn_limit"]["added"][0]);
+    EXPECT_EQ(0, kovractl({"diff", after, after}).exitCode);
+}
+
 }  // namespace
 }  // namespace kovra::test

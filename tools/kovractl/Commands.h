@@ -12,6 +12,7 @@ void addWakeupCommands(CLI::App& app, Context& ctx);
 void addNetCommands(CLI::App& app, Context& ctx);
 void addMapsCommand(CLI::App& app, Context& ctx);
 void addCaptureCommands(CLI::App& app, Context& ctx);
+void addDiffCommand(CLI::App& app, Context& ctx);
 void addSandboxCommand(CLI::App& app, Context& ctx);
 
 }  // namespace kovra::tool

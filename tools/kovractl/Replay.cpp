@@ -101,15 +101,17 @@ Capture takeCapture(const std::vector<std::string>& names) {
     return capture;
 }
 
-Capture readCaptureFile(const std::string& path) {
+Capture readCaptureFile(const std::string& path, const std::string& consequence) {
     std::ifstream file(path, std::ios::binary);
     std::stringstream text;
     text << file.rdbuf();
-    if (!file) throw ToolError(kExitUsage, path + ": cannot be read: " + strerror(errno));
+    if (!file) {
+        throw ToolError(kExitUsage, path + ": cannot be read: " + strerror(errno) + consequence);
+    }
     try {
         return parseCapture(text.str());
     } catch (const CaptureError& error) {
-        throw ToolError(kExitUsage, path + ": " + error.what() + "; nothing was written");
+        throw ToolError(kExitUsage, path + ": " + error.what() + consequence);
     }
 }
 

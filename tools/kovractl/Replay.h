@@ -13,8 +13,10 @@ namespace kovra::tool {
 // recorded with why. Changes nothing.
 Capture takeCapture(const std::vector<std::string>& names);
 
-// The capture in `path`, checked whole; a fault is a ToolError (exit 2) naming the file.
-Capture readCaptureFile(const std::string& path);
+// The capture in `path`, checked whole; a fault is a ToolError (exit 2) naming the file, its line
+// ending with `consequence`.
+Capture readCaptureFile(const std::string& path,
+                        const std::string& consequence = "; nothing was written");
 
 // Keeps the named maps of a capture only; a name the capture lacks is a ToolError (exit 2).
 void selectMaps(Capture& capture, const std::vector<std::string>& names);
