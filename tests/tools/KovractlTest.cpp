@@ -667,5 +667,23 @@ TEST_F(KovractlTest, DiffListsEachMapsChangesWithDeltas) {
     EXPECT_EQ(0, kovractl({"diff", after, after}).exitCode);
 }
 
+// uid shows one app's entries of every per-app map and nothing else; with -j, as a capture.
+TEST_F(KovractlTest, UidShowsOneAppAcrossEveryFamily) {
+    sandbox::openMap(maps::kAppTcpInwakeup).put(10031, 4);
+    sandbox::openMap(maps::kAppFreezeStats).put(10031, {{1, 2, 3, 4, 5}});
+    sandbox::openMap(maps::kAppVuskLimit).put(10031, 1);
+    const json app = jsonOf(kovractl({"-j", "uid", "10031"}))["maps"];
+    const std::map<std::string, size_t> expected = {
+            {"app_uid_stats", 1},    {"uid_pur_stats", 1}, {"app_socket_speeds", 2},
+            {"app_uid_speeds", 1},   {"im_app_hb_len", 1}, {"app_tcp_inwakeup", 1},
+            {"app_freeze_stats", 1}, {"app_vusk_limit", 1}};
+    for (const auto& [name, map] : app.items()) {
+        const auto count = expected.find(name);
+        EXPECT_EQ(count == expected.end() ? 0 : count->second, map["entries"].size()) << name;
+    }
+    EXPECT_FALSE(app.contains("app_socket_info") || app.contains("screen_state")) << app;
+    EXPECT_EQ(10031, app["app_socket_speeds"]["entries"][1]["value"]["tag"]);
+}
+
 }  // namespace
 }  // namespace kovra::test

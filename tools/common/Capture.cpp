@@ -21,12 +21,6 @@ Fields checkedFields(const char* label) {
     return all;
 }
 
-uint64_t readNumber(const Bytes& bytes, const Field& field) {
-    uint64_t value = 0;
-    for (size_t i = field.size; i-- > 0;) value = value << 8 | bytes[field.offset + i];
-    return value;
-}
-
 void writeNumber(Bytes& bytes, const Field& field, uint64_t value) {
     for (size_t i = 0; i < field.size; ++i, value >>= 8) {
         bytes[field.offset + i] = static_cast<uint8_t>(value);
@@ -55,6 +49,12 @@ uint64_t rebased(uint64_t stamp, uint64_t capturedNs, uint64_t nowNs) {
 }
 
 }  // namespace
+
+uint64_t readNumber(const Bytes& bytes, const Field& field) {
+    uint64_t value = 0;
+    for (size_t i = field.size; i-- > 0;) value = value << 8 | bytes[field.offset + i];
+    return value;
+}
 
 const std::vector<MapFields>& catalogueFields() {
     static const std::vector<MapFields> all = [] {

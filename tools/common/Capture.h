@@ -63,6 +63,9 @@ class CaptureError : public std::runtime_error {
 // Orders entries by their key's fields, numerically: the same maps always capture the same.
 void sortEntries(const MapFields& map, std::vector<std::pair<Bytes, Bytes>>& entries);
 
+// A number field's value in a record's bytes (little-endian).
+uint64_t readNumber(const Bytes& bytes, const Field& field);
+
 // A record's bytes as a JSON object of its fields, and back (the latter checks every field).
 Json encodeRecord(const Fields& fields, const Bytes& bytes);
 Bytes decodeRecord(const Fields& fields, size_t size, const Json& record, const std::string& where);

@@ -12,39 +12,9 @@
 namespace kovra::tool {
 namespace {
 
-// A map's entries as one table: the key's fields, then the value's.
-Rows rowsOf(const CapturedMap& map) {
-    const MapFields& fields = *fieldsNamed(map.name);
-    Rows rows;
-    for (const Fields* part : {&fields.key, &fields.value}) {
-        for (const Field& field : *part) rows.columns.push_back(field.name);
-    }
-    for (const auto& [key, value] : map.entries) {
-        rows.rows.emplace_back();
-        for (const Json& record :
-             {encodeRecord(fields.key, key), encodeRecord(fields.value, value)}) {
-            for (const auto& item : record.items()) rows.rows.back().push_back(item.value());
-        }
-    }
-    return rows;
-}
-
 Output dump(const std::vector<std::string>& names) {
     if (geteuid() != 0) requireMaps({});
-    const Capture capture = takeCapture(names);
-    Output out{toJson(capture)};
-    for (const CapturedMap& map : capture.maps) {
-        if (!out.text.empty()) out.line("");
-        if (map.unreadable) {
-            // The others are still shown; the exit code tells that one was not.
-            out.line("== " + map.name + ": " + *map.unreadable);
-            out.exitCode = kExitEnvironment;
-            continue;
-        }
-        out.line("== " + map.name + " (" + countOf(map.entries.size(), "entry") + ")");
-        if (!map.entries.empty()) out.table(rowsOf(map));
-    }
-    return out;
+    return showCapture(takeCapture(names));
 }
 
 std::string namespaceOf(const char* pid) {

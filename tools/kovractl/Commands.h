@@ -13,6 +13,7 @@ void addNetCommands(CLI::App& app, Context& ctx);
 void addMapsCommand(CLI::App& app, Context& ctx);
 void addCaptureCommands(CLI::App& app, Context& ctx);
 void addDiffCommand(CLI::App& app, Context& ctx);
+void addUidCommand(CLI::App& app, Context& ctx);
 void addSandboxCommand(CLI::App& app, Context& ctx);
 
 }  // namespace kovra::tool

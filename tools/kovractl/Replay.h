@@ -13,6 +13,10 @@ namespace kovra::tool {
 // recorded with why. Changes nothing.
 Capture takeCapture(const std::vector<std::string>& names);
 
+// A capture as `dump` shows it: with -j the capture itself; as a table, each map's entries field
+// by field. Exit 3 when a map could not be read.
+Output showCapture(const Capture& capture);
+
 // The capture in `path`, checked whole; a fault is a ToolError (exit 2) naming the file, its line
 // ending with `consequence`.
 Capture readCaptureFile(const std::string& path,

@@ -86,6 +86,7 @@ int run(std::vector<std::string> args) {
     addMapsCommand(app, ctx);
     addCaptureCommands(app, ctx);
     addDiffCommand(app, ctx);
+    addUidCommand(app, ctx);
     addSandboxCommand(app, ctx);
     // Set last, so that only the top-level help carries it, not every subcommand's.
     app.footer(kExitCodes);
