@@ -685,5 +685,22 @@ TEST_F(KovractlTest, UidShowsOneAppAcrossEveryFamily) {
     EXPECT_EQ(10031, app["app_socket_speeds"]["entries"][1]["value"]["tag"]);
 }
 
+// --preview runs the real service on a copy: the maps stay as they were, and what it reported is
+// what the same command then does to them.
+TEST_F(KovractlTest, PreviewLeavesTheMapsAndShowsWhatTheServiceRemoves) {
+    for (const std::vector<std::string>& command :
+         {std::vector<std::string>{"freeze", "syns"}, {"freeze", "stats"}, {"screen", "on", "5"}}) {
+        fresh();
+        const Snapshot before = snapshotMaps();
+        std::vector<std::string> args = {"-j", "--preview"};
+        args.insert(args.end(), command.begin(), command.end());
+        const Outcome preview = kovractl(args);
+        EXPECT_EQ(0, preview.exitCode) << preview;
+        EXPECT_TRUE(before == snapshotMaps()) << "--preview changed a map: " << line(args);
+        args.erase(args.begin() + 1);
+        EXPECT_EQ(jsonOf(preview), jsonOf(kovractl(args))) << line(args);
+    }
+}
+
 }  // namespace
 }  // namespace kovra::test

@@ -24,6 +24,7 @@ struct Context {
     bool json = false;            // -j: compact JSON instead of tables
     bool pretty = false;          // -p: indented JSON
     bool verbose = false;         // -v: the library's DEBUG lines, and which entries were removed
+    bool preview = false;         // --preview: run on a copy of the maps
     std::function<int()> action;  // what the chosen subcommand does; returns the exit code
     // Set once the output is the only copy of what a command removed (a harvest): the loss that
     // an output failure means, told with it.

@@ -36,7 +36,7 @@ void printManSection(const CLI::App* command, const std::string& path) {
 }  // namespace
 
 bool isGlobalFlag(const std::string& arg) {
-    for (const char* flag : {"-j", "--json", "-p", "--pretty", "-v", "--verbose"}) {
+    for (const char* flag : {"-j", "--json", "-p", "--pretty", "-v", "--verbose", "--preview"}) {
         if (arg == flag) return true;
     }
     return arg.size() > 2 && arg[0] == '-' && arg[1] != '-' &&

@@ -76,6 +76,9 @@ int run(std::vector<std::string> args) {
             app.add_flag("-p,--pretty", ctx.pretty, "Print indented JSON instead of tables");
     app.add_flag("-v,--verbose", ctx.verbose,
                  "Also show the library's DEBUG log lines, and which entries were removed");
+    app.add_flag("--preview", ctx.preview,
+                 "Run the command on a copy of the maps in a private bpffs: show what it would "
+                 "return and remove, and leave the maps as they are (root)");
     ctx.sandboxCommand = splitSandboxCommand(args);
 
     addStatsCommands(app, ctx);
@@ -123,6 +126,7 @@ int run(std::vector<std::string> args) {
     if (ctx.verbose) __android_log_set_minimum_priority(ANDROID_LOG_DEBUG);
     int code;
     try {
+        if (ctx.preview) enterPreview();
         code = ctx.action();
     } catch (const ToolError& error) {
         // One line each for several problems (every map that does not fit, say).
