@@ -349,6 +349,8 @@ const std::vector<std::vector<std::string>> kBadCommands = {
         {"stats", "pur", "4294967296"},
         {"stats", "pur", "010"},
         {"stats", "pur", "1", "2"},
+        {"stats", "uids", "--top", "0"},
+        {"wakeup", "--interval", "1", "--count", "0"},
         {"stats", "uids", "--sort", "nosuch"},
         {"stats", "uids", "--count", "2"},
         {"sandbox", "--seed", "nosuch", "--", "true"},

@@ -69,7 +69,8 @@ int run(std::vector<std::string> args) {
     app.require_subcommand(1);
     // Global flags are accepted after the subcommands too: `kovractl stats uids -j`.
     app.fallthrough();
-    app.set_version_flag("--version", KOVRA_VERSION);
+    // -V as well: bpftool's and ip's users type it.
+    app.set_version_flag("-V,--version", KOVRA_VERSION);
     Context ctx;
     CLI::Option* json = app.add_flag("-j,--json", ctx.json, "Print compact JSON instead of tables");
     CLI::Option* pretty =
@@ -150,6 +151,9 @@ int run(std::vector<std::string> args) {
     // Every write is checked here, at the end: a full disk or a closed stdout fails the command.
     if (fflush(stdout) != 0 || ferror(stdout)) {
         const int err = errno;
+        // A reader that has seen enough (`| head -1`) ends the command quietly, as it ends other
+        // tools, unless what it did not read was the only copy of what a harvest removed.
+        if (err == EPIPE && ctx.outputHoldsOnlyCopy.empty()) return code;
         fprintf(stderr, "kovractl: writing the output failed: %s%s%s\n", strerror(err),
                 ctx.outputHoldsOnlyCopy.empty() ? "" : "; ", ctx.outputHoldsOnlyCopy.c_str());
         return kExitOutput;
@@ -162,7 +166,8 @@ int run(std::vector<std::string> args) {
 
 int main(int argc, char** argv) {
     signal(SIGABRT, kovra::tool::explainAbort);
-    // A closed pipe is an output failure like any other, reported rather than a silent death.
+    // A closed pipe is seen as a failed write, and run() decides what it means, rather than a
+    // silent death in the middle of a harvest.
     signal(SIGPIPE, SIG_IGN);
     return kovra::tool::run(std::vector<std::string>(argv + 1, argv + argc));
 }
