@@ -288,6 +288,8 @@ TEST_F(KovractlTest, RemovalsAreReportedWithTheirCounts) {
                              "device"))
                 << full;
     }
+    const Outcome blocked = kovractl({"net", "block", "10050"}, false, "/dev/full");
+    EXPECT_TRUE(contains(blocked.err, "; the change was made: block UID 10050: ok")) << blocked;
 }
 
 // Services' statuses and the views that read maps without a service.

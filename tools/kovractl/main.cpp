@@ -154,8 +154,11 @@ int run(std::vector<std::string> args) {
         // A reader that has seen enough (`| head -1`) ends the command quietly, as it ends other
         // tools, unless what it did not read was the only copy of what a harvest removed.
         if (err == EPIPE && ctx.outputHoldsOnlyCopy.empty()) return code;
-        fprintf(stderr, "kovractl: writing the output failed: %s%s%s\n", strerror(err),
-                ctx.outputHoldsOnlyCopy.empty() ? "" : "; ", ctx.outputHoldsOnlyCopy.c_str());
+        const std::string made =
+                ctx.changeMade.empty() ? "" : "; the change was made: " + ctx.changeMade;
+        fprintf(stderr, "kovractl: writing the output failed: %s%s%s%s\n", strerror(err),
+                ctx.outputHoldsOnlyCopy.empty() ? "" : "; ", ctx.outputHoldsOnlyCopy.c_str(),
+                made.c_str());
         return kExitOutput;
     }
     return code;
