@@ -427,6 +427,8 @@ TEST_F(KovractlTest, SandboxHasItsOwnBpffsAndPassesOnTheCommandUntouched) {
     EXPECT_TRUE(contains(run.err, "warning: already inside a sandbox (empty)")) << run;
     EXPECT_TRUE(ours == snapshotMaps()) << "the sandbox reached outside its own bpffs";
     EXPECT_EQ(127, kovractl({"sandbox", "--", "/nonexistent/command"}).exitCode);
+    const Outcome help = kovractl({"sandbox", "help"});
+    EXPECT_TRUE(help.exitCode == 0 && contains(help.out, "Usage: kovractl sandbox")) << help;
 }
 
 // The live sandbox and the traffic driver it runs: a command starts with every signal at its

@@ -55,13 +55,16 @@ void standUp(const SandboxOptions& options) {
     }
 }
 
-// Inside, `kovractl` is this very binary, wherever it was built.
+// Inside, `kovractl` is this very binary, wherever it was built, and `kovra-traffic` the driver
+// built or installed beside it (in the build tree, its own folder next to kovractl's).
 void putSelfOnPath() {
     char self[4096];
     const ssize_t length = readlink("/proc/self/exe", self, sizeof(self) - 1);
     if (length <= 0) return;
     std::string dir(self, static_cast<size_t>(length));
     dir.resize(dir.rfind('/'));
+    const std::string driver = dir.substr(0, dir.rfind('/')) + "/kovra-traffic";
+    if (access((driver + "/kovra-traffic").c_str(), X_OK) == 0) dir += ":" + driver;
     const char* path = getenv("PATH");
     setenv("PATH", (dir + ":" + (path != nullptr ? path : "/usr/bin:/bin")).c_str(), 1);
 }

@@ -44,6 +44,8 @@ std::vector<std::string> splitSandboxCommand(std::vector<std::string>& args) {
             break;
         }
     }
+    // `kovractl sandbox help` asks for the sandbox's help, as `help` last does everywhere.
+    if (i + 1 == args.size() && args[i] == "help") return {};
     std::vector<std::string> command(args.begin() + i, args.end());
     args.resize(i);
     return command;
