@@ -51,7 +51,13 @@ std::vector<std::string> splitSandboxCommand(std::vector<std::string>& args) {
     return command;
 }
 
-int usageError(const CLI::App& app, const CLI::ParseError& error, bool json,
+// An error as JSON on stdout, laid out as -p or -j asked.
+void printJsonError(const std::string& message, int exitCode, bool pretty) {
+    printf("%s\n",
+           Json({{"error", message}, {"exitCode", exitCode}}).dump(pretty ? 2 : -1).c_str());
+}
+
+int usageError(const CLI::App& app, const CLI::ParseError& error, bool json, bool pretty,
                const std::vector<std::string>& args) {
     const CLI::App* command = commandNamed(app, args);
     std::string message = error.what();
@@ -61,7 +67,7 @@ int usageError(const CLI::App& app, const CLI::ParseError& error, bool json,
         message = "unknown subcommand '" + unknown.front() + "'";
     }
     fprintf(stderr, "kovractl: %s\n\n%s", message.c_str(), helpOf(command).c_str());
-    if (json) printf("%s\n", Json({{"error", message}, {"exitCode", kExitUsage}}).dump().c_str());
+    if (json || pretty) printJsonError(message, kExitUsage, pretty);
     return kExitUsage;
 }
 
@@ -124,7 +130,7 @@ int run(std::vector<std::string> args) {
     } catch (const CLI::CallForVersion& version) {
         return app.exit(version);
     } catch (const CLI::ParseError& error) {
-        return usageError(app, error, json->count() + pretty->count() > 0, args);
+        return usageError(app, error, json->count() > 0, pretty->count() > 0, args);
     }
     if (ctx.verbose) __android_log_set_minimum_priority(ANDROID_LOG_DEBUG);
     int code;
@@ -141,8 +147,7 @@ int run(std::vector<std::string> args) {
         }
         fprintf(stderr, "%s%s\n", prefix.c_str(), lines.c_str());
         if (ctx.jsonOutput() && !error.inJson()) {
-            printf("%s\n",
-                   Json({{"error", error.what()}, {"exitCode", error.exitCode()}}).dump().c_str());
+            printJsonError(error.what(), error.exitCode(), ctx.pretty);
         }
         code = error.exitCode();
     } catch (const std::exception& error) {
