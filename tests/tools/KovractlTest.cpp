@@ -183,6 +183,7 @@ struct EnvironmentCase {
 // clang-format off
 const std::vector<EnvironmentCase> kEnvironmentCases = {
         {[] { return nullptr; }, {"net", "block", "5"}, true, {"kovractl: needs root"}, "", ""},
+        {[] { return nullptr; }, {"maps"}, true, {"kovractl: needs root"}, "", ""},
         {[] { return nullptr; }, {"sandbox", "--seed", "demo"}, true,
          {"kovractl: sandbox: needs root"}, "", ""},
         {[] { unlink(maps::kNetdAppUidStats.path); return Holder(); },
