@@ -41,6 +41,14 @@ class KovractlTest : public KernelTest {
         sandbox::seedDemo();
     }
     void fresh() { SetUp(); }
+    void TearDown() override {
+        for (const std::string& path : files) unlink(path.c_str());
+        files.clear();
+        KernelTest::TearDown();
+    }
+
+  public:
+    static inline std::vector<std::string> files;  // what saved() wrote, removed after each test
 };
 
 std::string drain(int fd) {
@@ -534,6 +542,7 @@ namespace {
 std::string saved(const std::string& text, const std::string& name = "capture.json") {
     const std::string path = "/tmp/kovractl-test-" + std::to_string(getpid()) + "-" + name;
     std::ofstream(path) << text;
+    KovractlTest::files.push_back(path);
     return path;
 }
 
