@@ -438,6 +438,12 @@ TEST_F(KovractlTest, SandboxHasItsOwnBpffsAndPassesOnTheCommandUntouched) {
     EXPECT_EQ(127, kovractl({"sandbox", "--", "/nonexistent/command"}).exitCode);
     const Outcome help = kovractl({"sandbox", "help"});
     EXPECT_TRUE(help.exitCode == 0 && contains(help.out, "Usage: kovractl sandbox")) << help;
+    for (const auto& [words, offered] :
+         std::vector<std::pair<std::string, std::string>>{{"screen", "help\non\noff\n"},
+                                                          {"sandbox", "demo\n"},
+                                                          {"dump", "\nscreen_state\n"}}) {
+        EXPECT_TRUE(contains(kovractl({"__complete", words}).out, offered)) << words;
+    }
 }
 
 // The live sandbox and the traffic driver it runs: a command starts with every signal at its
