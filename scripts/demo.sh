@@ -194,6 +194,19 @@ wakeup() {
         test "$("$kovractl" maps | awk '/sk_tcp_cookie_in_seq/ { print $6 }')" -eq 0
 }
 
+# The same maps on another desk: captured, replayed into a fresh sandbox, captured again.
+replay() {
+    step "Device to desk: the maps captured, replayed into a fresh sandbox and compared"
+    local capture=$scratch/capture.json replayed=$scratch/replayed.json
+    printf '$ kovractl -j dump > capture.json\n'
+    "$kovractl" -j dump >"$capture"
+    printf '$ kovractl sandbox --seed capture.json --raw-stamps -- kovractl -j dump > replayed.json\n'
+    "$kovractl" sandbox --seed "$capture" --raw-stamps -- "$kovractl" -j dump >"$replayed" 2>/dev/null
+    run diff "$capture" "$replayed"
+    check "the replayed maps are the captured ones, byte for byte" same "$capture" "$replayed"
+}
+same() { "$kovractl" diff "$1" "$2" >/dev/null; }
+
 scenario() {
     kovractl=$1
     traffic=$2
@@ -206,6 +219,7 @@ scenario() {
     blocking
     freeze
     wakeup
+    replay
     if ((failures == 0)); then
         printf '\nDemo finished: all five families live, every check held.\n'
     else

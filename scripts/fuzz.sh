@@ -1,9 +1,10 @@
 #!/usr/bin/env bash
-# Builds the libFuzzer target with clang, AddressSanitizer and UndefinedBehaviorSanitizer in
+# Builds the libFuzzer targets with clang, AddressSanitizer and UndefinedBehaviorSanitizer in
 # build/fuzz and runs each family for FUZZ_SECONDS seconds (30 by default), starting from its
 # checked-in corpus under fuzz/corpus/<family>. New inputs go to build/fuzz/corpus/<family>, a
 # failing input to build/fuzz/artifacts/ (replay it with KOVRA_FUZZ_FAMILY=<family>
-# build/fuzz/fuzz/maps_fuzzer INPUT). Needs root (the target fills real maps in a private bpffs).
+# build/fuzz/fuzz/maps_fuzzer INPUT, or build/fuzz/fuzz/capture_fuzzer INPUT for the capture
+# reader). Needs root (the services' target fills real maps in a private bpffs).
 #   bash scripts/fuzz.sh [FAMILY...]     (default: every family)
 set -euo pipefail
 cd "$(dirname "$0")/.."
@@ -23,7 +24,9 @@ for target in "${targets[@]}"; do
     work="$build/corpus/$target"
     mkdir -p "$work"
     log="$build/$target.log"
-    if ! KOVRA_FUZZ_FAMILY="$target" "$build/fuzz/maps_fuzzer" -max_total_time="${FUZZ_SECONDS:-30}" \
+    fuzzer=maps_fuzzer
+    [[ $target == capture ]] && fuzzer=capture_fuzzer
+    if ! KOVRA_FUZZ_FAMILY="$target" "$build/fuzz/$fuzzer" -max_total_time="${FUZZ_SECONDS:-30}" \
             -artifact_prefix="$build/artifacts/" "$work" "fuzz/corpus/$target" >"$log" 2>&1; then
         tail -n 40 "$log"
         echo "fuzz: $target FAILED (input in $build/artifacts/)"

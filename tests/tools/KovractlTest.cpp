@@ -41,6 +41,14 @@ class KovractlTest : public KernelTest {
         sandbox::seedDemo();
     }
     void fresh() { SetUp(); }
+    void TearDown() override {
+        for (const std::string& path : files) unlink(path.c_str());
+        files.clear();
+        KernelTest::TearDown();
+    }
+
+  public:
+    static inline std::vector<std::string> files;  // what saved() wrote, removed after each test
 };
 
 std::string drain(int fd) {
@@ -183,6 +191,7 @@ struct EnvironmentCase {
 // clang-format off
 const std::vector<EnvironmentCase> kEnvironmentCases = {
         {[] { return nullptr; }, {"net", "block", "5"}, true, {"kovractl: needs root"}, "", ""},
+        {[] { return nullptr; }, {"maps"}, true, {"kovractl: needs root"}, "", ""},
         {[] { return nullptr; }, {"sandbox", "--seed", "demo"}, true,
          {"kovractl: sandbox: needs root"}, "", ""},
         {[] { unlink(maps::kNetdAppUidStats.path); return Holder(); },
@@ -288,6 +297,8 @@ TEST_F(KovractlTest, RemovalsAreReportedWithTheirCounts) {
                              "device"))
                 << full;
     }
+    const Outcome blocked = kovractl({"net", "block", "10050"}, false, "/dev/full");
+    EXPECT_TRUE(contains(blocked.err, "; the change was made: block UID 10050: ok")) << blocked;
 }
 
 // Services' statuses and the views that read maps without a service.
@@ -307,15 +318,13 @@ TEST_F(KovractlTest, StatusesAndViews) {
             << "an error in JSON mode is an object on stdout";
 
     const Snapshot seeded = snapshotMaps();
-    const json dump = jsonOf(kovractl({"dump", "-j"}));
+    const json dump = jsonOf(kovractl({"dump", "-j"}))["maps"];
     ASSERT_EQ(kPinnedMaps.size(), dump.size());
-    for (const auto& [name, rows] : dump.items()) {
-        for (const PinnedMapInfo& row : kPinnedMaps) {
-            if (contains(row.path, "_" + name + "_map")) {
-                EXPECT_EQ(seeded.at(row.path).size(), rows.size()) << row.path;
-            }
-        }
+    for (const PinnedMapInfo& row : kPinnedMaps) {
+        EXPECT_EQ(seeded.at(row.path).size(), dump[row.name]["entries"].size()) << row.path;
     }
+    EXPECT_EQ(json({{"word0", 1}, {"word1", 30}, {"word2", 600}}),
+              dump["app_freeze_config"]["entries"][0]["value"]);
     const KovraStatsValue v = *sandbox::openMap(maps::kUidPurStats).get(10123);
     const std::vector<std::pair<std::vector<std::string>, json>> views = {
             {{"stats", "pur", "10123"},
@@ -326,8 +335,6 @@ TEST_F(KovractlTest, StatusesAndViews) {
                {"txBytes", v.txBytes},
                {"extra0", v.extra0},
                {"extra1", v.extra1}}}},
-            {{"dump", "app_freeze_config"},
-             {{"app_freeze_config", {{{"key", 1}, {"word0", 1}, {"word1", 30}, {"word2", 600}}}}}},
             {{"net", "list"},
              {{{"uid", 10066}, {"disconnected", 1}, {"legacyBlocked", nullptr}},
               {{"uid", 10077}, {"disconnected", nullptr}, {"legacyBlocked", 1}}}},
@@ -353,6 +360,8 @@ const std::vector<std::vector<std::string>> kBadCommands = {
         {"stats", "pur", "4294967296"},
         {"stats", "pur", "010"},
         {"stats", "pur", "1", "2"},
+        {"stats", "uids", "--top", "0"},
+        {"wakeup", "--interval", "1", "--count", "0"},
         {"stats", "uids", "--sort", "nosuch"},
         {"stats", "uids", "--count", "2"},
         {"sandbox", "--seed", "nosuch", "--", "true"},
@@ -427,6 +436,14 @@ TEST_F(KovractlTest, SandboxHasItsOwnBpffsAndPassesOnTheCommandUntouched) {
     EXPECT_TRUE(contains(run.err, "warning: already inside a sandbox (empty)")) << run;
     EXPECT_TRUE(ours == snapshotMaps()) << "the sandbox reached outside its own bpffs";
     EXPECT_EQ(127, kovractl({"sandbox", "--", "/nonexistent/command"}).exitCode);
+    const Outcome help = kovractl({"sandbox", "help"});
+    EXPECT_TRUE(help.exitCode == 0 && contains(help.out, "Usage: kovractl sandbox")) << help;
+    for (const auto& [words, offered] :
+         std::vector<std::pair<std::string, std::string>>{{"screen", "help\non\noff\n"},
+                                                          {"sandbox", "demo\n"},
+                                                          {"dump", "\nscreen_state\n"}}) {
+        EXPECT_TRUE(contains(kovractl({"__complete", words}).out, offered)) << words;
+    }
 }
 
 // The live sandbox and the traffic driver it runs: a command starts with every signal at its
@@ -518,6 +535,192 @@ TEST_F(KovractlTest, LiveSandboxKilledLeavesNothingAndSandboxesNeverCollide) {
         json uids = json::array();
         for (const json& row : jsonOf(run)) uids.push_back(row["uid"]);
         EXPECT_EQ(json({uid, 10099}), uids) << run;
+    }
+}
+
+}  // namespace
+}  // namespace kovra::test
+
+namespace kovra::test {
+namespace {
+
+// Writes `text` to a file of the test's own and returns its path.
+std::string saved(const std::string& text, const std::string& name = "capture.json") {
+    const std::string path = "/tmp/kovractl-test-" + std::to_string(getpid()) + "-" + name;
+    std::ofstream(path) << text;
+    KovractlTest::files.push_back(path);
+    return path;
+}
+
+// Every map holds two entries whose every byte differs from its neighbours' in the record, so a
+// byte moved, dropped or decoded through the wrong field shows.
+void fillEveryByte() {
+    uint8_t next = 1;
+    forEachMap([&](const auto& row) {
+        using Row = std::decay_t<decltype(row)>;
+        const auto map = sandbox::openMap(row);
+        for (const auto& key : map.keys()) map.erase(key);
+        for (int entry = 0; entry < 2; ++entry) {
+            typename Row::Key key;
+            typename Row::Value value;
+            for (auto* bytes :
+                 {reinterpret_cast<uint8_t*>(&key), reinterpret_cast<uint8_t*>(&value)}) {
+                const size_t size =
+                        bytes == reinterpret_cast<uint8_t*>(&key) ? sizeof(key) : sizeof(value);
+                for (size_t i = 0; i < size; ++i, next = next % 251 + 1) bytes[i] = next;
+            }
+            map.put(key, value);
+        }
+    });
+}
+
+// Capture, replay into a fresh sandbox, capture again: the same maps, byte for byte. Rebased,
+// the stamps keep their age, so the services answer in the sandbox as they did here.
+TEST_F(KovractlTest, CaptureReplaysLosslesslyWithStampsKeepingTheirAge) {
+    fillEveryByte();
+    const Outcome taken = kovractl({"-j", "dump"});
+    ASSERT_EQ(0, taken.exitCode) << taken;
+    const std::string file = saved(taken.out);
+    const json again = jsonOf(kovractl(
+            {"sandbox", "--seed", file, "--raw-stamps", "--", KOVRACTL_PATH, "-j", "dump"}));
+    EXPECT_EQ(jsonOf(taken)["maps"], again["maps"]);
+    ASSERT_EQ(kPinnedMaps.size(), again["maps"].size());
+    for (const auto& map : again["maps"]) EXPECT_EQ(2u, map["entries"].size()) << map;
+
+    fresh();
+    const std::string demo = saved(kovractl({"-j", "dump"}).out);
+    const std::vector<std::string> report = {"-j",    "speeds",     "sockets", "--stale-ms",
+                                             "60000", "--min-kbps", "0"};
+    std::vector<std::string> inSandbox = {"sandbox", "--seed", demo, "--", KOVRACTL_PATH};
+    inSandbox.insert(inSandbox.end(), report.begin(), report.end());
+    json here = jsonOf(kovractl(report)), there = jsonOf(kovractl(inSandbox));
+    // Every stamp moved by the time between the capture and the replay, and by that alone.
+    const int64_t shift = there["rows"][0]["firstStamp"].get<int64_t>() -
+                          here["rows"][0]["firstStamp"].get<int64_t>();
+    EXPECT_TRUE(shift > 0 && shift < 5000000000) << shift;
+    for (json* rows : {&here, &there}) {
+        for (json& row : (*rows)["rows"]) {
+            for (const char* stamp : {"firstStamp", "secondStamp"}) {
+                row[stamp] = row[stamp].get<int64_t>() - (rows == &there ? shift : 0);
+            }
+        }
+    }
+    EXPECT_EQ(here, there);
+}
+
+// A faulty capture is refused whole: one line naming map, entry and field, exit 2, no map
+// written. Each case mends the demo's capture in one place.
+TEST_F(KovractlTest, BadCapturesAreRefusedWholeAndWriteNothing) {
+    const json good = jsonOf(kovractl({"-j", "dump"}));
+    sandbox::RawMap(maps::kScreenState.path, 4, 8, 1);  // too small for the capture's two entries
+    const Snapshot before = snapshotMaps();
+    const auto with = [&](const std::function<void(json&)>& change) {
+        json capture = good;
+        change(capture);
+        return capture.dump();
+    };
+    const auto entry = [](json& c, const char* map, int i) -> json& {
+        return c["maps"][map]["entries"][i];
+    };
+    const std::vector<std::pair<std::string, std::string>> cases = {
+            {good.dump().substr(0, 900), "capture.json: not JSON, or cut short"},
+            {"[1]", "not a capture"},
+            {with([](json& c) { c["format"] = 2; }), "format 2 is not one this kovractl reads"},
+            {with([](json& c) { c["maps"]["no_such"] = c["maps"]["screen_state"]; }),
+             "map no_such: not a map of the catalogue"},
+            {with([&](json& c) { entry(c, "app_socket_info", 1)["value"].erase("opaque2"); }),
+             "map app_socket_info, entry 1 value, field opaque2: missing"},
+            {with([&](json& c) { entry(c, "app_socket_info", 1)["value"]["opaque2"] = "00"; }),
+             "entry 1 value, field opaque2: expected 80 hex digits"},
+            {with([&](json& c) {
+                 entry(c, "app_socket_info", 0)["value"]["opaque1"] = "zz00000000000000";
+             }),
+             "field opaque1: not hex digits"},
+            {with([&](json& c) { entry(c, "app_uid_speeds", 2)["key"]["extra"] = 1; }),
+             "map app_uid_speeds, entry 2 key, field extra: not a field"},
+            {with([&](json& c) { entry(c, "app_tcp_fin_drop", 0)["value"]["count"] = 4294967296; }),
+             "map app_tcp_fin_drop, entry 0 value, field count: expected a whole number "
+             "0..4294967295"},
+            {with([&](json& c) { entry(c, "app_uid_stats", 0)["value"]["rxBytes"] = -1; }),
+             "field rxBytes: expected a whole number"},
+            {with([&](json& c) {
+                 entry(c, "app_uid_stats", 1)["key"] = entry(c, "app_uid_stats", 0)["key"];
+             }),
+             "map app_uid_stats, entry 1: the key of an earlier entry"},
+            {with([](json& c) { c["maps"]["app_tcp_fin_drop"]["maxEntries"] = 1; }),
+             "map app_tcp_fin_drop: 20 entries, more than its maxEntries 1"},
+            {with([](json& c) { c["maps"]["screen_state"]["valueSize"] = 4; }),
+             "map screen_state: key/value sizes 4/4, the catalogue's are 4/8"},
+            {good.dump(), "map screen_state: 2 entries, more than the map holds (1)"},
+    };
+    for (const auto& [text, message] : cases) {
+        const Outcome run = kovractl({"load", "--force", saved(text)});
+        EXPECT_EQ(2, run.exitCode) << message << run;
+        EXPECT_TRUE(contains(run.err, message)) << message << run;
+    }
+    const Outcome outside = kovractl({"load", saved(good.dump())});
+    EXPECT_EQ(2, outside.exitCode) << outside;
+    EXPECT_TRUE(contains(outside.err, "load writes only into a kovractl sandbox")) << outside;
+    EXPECT_TRUE(before == snapshotMaps()) << "a refused capture changed a map";
+}
+
+// diff lists what was added, removed and changed per map, with the deltas of numbers; exit 1 when
+// the maps differ, 0 when they do not.
+TEST_F(KovractlTest, DiffListsEachMapsChangesWithDeltas) {
+    const std::string before = saved(kovractl({"-j", "dump"}).out, "before.json");
+    const size_t syns = snapshotMaps().at(maps::kAppFreezeSyn.path).size();
+    const auto stats = sandbox::openMap(maps::kUidPurStats);
+    KovraStatsValue value = *stats.get(10123);
+    value.rxBytes -= 5;
+    stats.put(10123, value);
+    ASSERT_EQ(0, kovractl({"net", "block", "10099"}).exitCode);
+    ASSERT_EQ(0, kovractl({"freeze", "syns"}).exitCode);
+    const std::string after = saved(kovractl({"-j", "dump"}).out, "after.json");
+
+    const Outcome run = kovractl({"-j", "diff", before, after});
+    EXPECT_EQ(1, run.exitCode) << run;
+    const json diff = jsonOf(run);
+    EXPECT_EQ(3u, diff.size()) << diff;  // the three maps changed, no other
+    EXPECT_EQ(json({{"from", value.rxBytes + 5}, {"to", value.rxBytes}, {"delta", -5}}),
+              diff["uid_pur_stats"]["changed"][0]["fields"]["rxBytes"]);
+    EXPECT_EQ(syns, diff["app_freeze_syn"]["removed"].size());
+    EXPECT_EQ(json({{"key", {{"uid", 10099}}}, {"value", {{"value", 1}}}}),
+              diff["app_net_disconn_limit"]["added"][0]);
+    EXPECT_EQ(0, kovractl({"diff", after, after}).exitCode);
+}
+
+// uid shows one app's entries of every per-app map and nothing else; with -j, as a capture.
+TEST_F(KovractlTest, UidShowsOneAppAcrossEveryFamily) {
+    sandbox::openMap(maps::kAppTcpInwakeup).put(10031, 4);
+    sandbox::openMap(maps::kAppFreezeStats).put(10031, {{1, 2, 3, 4, 5}});
+    sandbox::openMap(maps::kAppVuskLimit).put(10031, 1);
+    const json app = jsonOf(kovractl({"-j", "uid", "10031"}))["maps"];
+    const std::map<std::string, size_t> expected = {
+            {"app_uid_stats", 1},    {"uid_pur_stats", 1}, {"app_socket_speeds", 2},
+            {"app_uid_speeds", 1},   {"im_app_hb_len", 1}, {"app_tcp_inwakeup", 1},
+            {"app_freeze_stats", 1}, {"app_vusk_limit", 1}};
+    for (const auto& [name, map] : app.items()) {
+        const auto count = expected.find(name);
+        EXPECT_EQ(count == expected.end() ? 0 : count->second, map["entries"].size()) << name;
+    }
+    EXPECT_FALSE(app.contains("app_socket_info") || app.contains("screen_state")) << app;
+    EXPECT_EQ(10031, app["app_socket_speeds"]["entries"][1]["value"]["tag"]);
+}
+
+// --preview runs the real service on a copy: the maps stay as they were, and what it reported is
+// what the same command then does to them.
+TEST_F(KovractlTest, PreviewLeavesTheMapsAndShowsWhatTheServiceRemoves) {
+    for (const std::vector<std::string>& command :
+         {std::vector<std::string>{"freeze", "syns"}, {"freeze", "stats"}, {"screen", "on", "5"}}) {
+        fresh();
+        const Snapshot before = snapshotMaps();
+        std::vector<std::string> args = {"-j", "--preview"};
+        args.insert(args.end(), command.begin(), command.end());
+        const Outcome preview = kovractl(args);
+        EXPECT_EQ(0, preview.exitCode) << preview;
+        EXPECT_TRUE(before == snapshotMaps()) << "--preview changed a map: " << line(args);
+        args.erase(args.begin() + 1);
+        EXPECT_EQ(jsonOf(preview), jsonOf(kovractl(args))) << line(args);
     }
 }
 

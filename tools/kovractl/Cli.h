@@ -24,10 +24,14 @@ struct Context {
     bool json = false;            // -j: compact JSON instead of tables
     bool pretty = false;          // -p: indented JSON
     bool verbose = false;         // -v: the library's DEBUG lines, and which entries were removed
+    bool preview = false;         // --preview: run on a copy of the maps
     std::function<int()> action;  // what the chosen subcommand does; returns the exit code
     // Set once the output is the only copy of what a command removed (a harvest): the loss that
     // an output failure means, told with it.
     std::string outputHoldsOnlyCopy;
+    // Set once a change has been made ("block UID 10050: ok"), so that an output failure after it
+    // does not leave the user thinking it was not.
+    std::string changeMade;
     std::vector<std::string> sandboxCommand;  // what `kovractl sandbox` runs, as given
     bool jsonOutput() const { return json || pretty; }
     Format format() const {
@@ -47,7 +51,15 @@ inline void onRun(CLI::App* command, Context& ctx, std::function<int()> action) 
 
 // The same for a command that returns what it shows, printed by render().
 inline void onShow(CLI::App* command, Context& ctx, std::function<Output()> show) {
-    onRun(command, ctx, [&ctx, show = std::move(show)] { return render(ctx.format(), show()); });
+    onRun(command, ctx, [&ctx, show = std::move(show)] {
+        const Output out = show();
+        // A change's output has its status (see change()); a made one says so last.
+        if (out.json.is_object() && out.json.value("status", -1) == 0 && !out.text.empty() &&
+            std::holds_alternative<std::string>(out.text.back())) {
+            ctx.changeMade = std::get<std::string>(out.text.back());
+        }
+        return render(ctx.format(), out);
+    });
 }
 
 // A catalogue map's short name ("app_tcp_fin_drop").

@@ -11,6 +11,13 @@ void addSpeedsCommands(CLI::App& app, Context& ctx);
 void addWakeupCommands(CLI::App& app, Context& ctx);
 void addNetCommands(CLI::App& app, Context& ctx);
 void addMapsCommand(CLI::App& app, Context& ctx);
+void addCaptureCommands(CLI::App& app, Context& ctx);
+void addDiffCommand(CLI::App& app, Context& ctx);
+void addUidCommand(CLI::App& app, Context& ctx);
+
+// From here on this process sees a copy of the maps in a private bpffs (--preview); a ToolError
+// (exit 3) when it cannot be made.
+void enterPreview();
 void addSandboxCommand(CLI::App& app, Context& ctx);
 
 }  // namespace kovra::tool

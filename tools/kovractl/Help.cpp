@@ -2,6 +2,8 @@
 
 #include <stdio.h>
 
+#include "Capture.h"
+
 namespace kovra::tool {
 namespace {
 
@@ -36,7 +38,7 @@ void printManSection(const CLI::App* command, const std::string& path) {
 }  // namespace
 
 bool isGlobalFlag(const std::string& arg) {
-    for (const char* flag : {"-j", "--json", "-p", "--pretty", "-v", "--verbose"}) {
+    for (const char* flag : {"-j", "--json", "-p", "--pretty", "-v", "--verbose", "--preview"}) {
         if (arg == flag) return true;
     }
     return arg.size() > 2 && arg[0] == '-' && arg[1] != '-' &&
@@ -68,6 +70,13 @@ void printCompletions(const CLI::App& app, const std::vector<std::string>& words
     std::vector<std::string> next;
     for (const CLI::App* sub : subcommandsOf(command)) next.push_back(sub->get_name());
     if (command != &app) next.push_back("help");
+    // The words a command's arguments take: map names, the screen's states, the demo data set.
+    const std::string name = command->get_name();
+    if (name == "dump" || name == "load") {
+        for (const MapFields& map : catalogueFields()) next.push_back(map.name);
+    }
+    if (name == "screen") next.insert(next.end(), {"on", "off"});
+    if (name == "sandbox") next.push_back("demo");
     for (const CLI::App* c = command; c != nullptr; c = c->get_parent()) {
         for (const CLI::Option* option : c->get_options()) {
             for (const std::string& name : option->get_lnames()) {

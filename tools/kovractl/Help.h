@@ -10,11 +10,11 @@
 namespace kovra::tool {
 
 inline constexpr char kExitCodes[] = R"(
-Exit codes: 0 success; 1 the service failed (status -1: a walk, write or delete failed);
-2 bad arguments (nothing was touched); 3 not root, or a map missing, locked or not fitting its
-records (nothing was touched), or the sandbox could not be set up; 4 the service returned -errno
-(the errno is printed); 5 the output could not be written. The library's log lines go to
-stderr; -v adds its DEBUG lines. `kovractl help`, `kovractl COMMAND help` and --help show help.)";
+Exit codes: 0 success; 1 the service failed (status -1: a walk, write or delete failed), or
+`diff` found the captures differ; 2 bad arguments or a capture that cannot be read (nothing was
+touched); 3 not root, or a map missing, locked or not fitting its records (nothing was touched),
+or the sandbox could not be set up; 4 the service returned -errno (the errno is printed); 5 the
+output could not be written. The library's log lines go to stderr; -v adds its DEBUG lines. `kovractl help`, `kovractl COMMAND help` and --help show help.)";
 
 // -j, -p, -v and their long forms, alone or bundled (-jv).
 bool isGlobalFlag(const std::string& arg);

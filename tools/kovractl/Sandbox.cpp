@@ -14,13 +14,17 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <optional>
+
 #include <kovrasandbox/Bpffs.h>
 #include <kovrasandbox/Child.h>
+#include <kovrasandbox/Clock.h>
 #include <kovrasandbox/Maps.h>
 #include <kovrasandbox/Netns.h>
 #include <kovrasandbox/Seed.h>
 
 #include "Commands.h"
+#include "Replay.h"
 
 // The live side is the desk's own stand-in for the platform's eBPF programs; a device build of
 // kovractl, where the platform's programs fill the maps, has none and no --live.
@@ -34,24 +38,33 @@ namespace {
 // From here on this process and its children see a bpffs of their own at /sys/fs/bpf holding
 // every map of the catalogue; the machine's (if it has one) stays as it is, and ours vanishes
 // with the last of them.
-void standUp(bool seed) {
+void standUp(const SandboxOptions& options) {
+    std::optional<Capture> capture;
+    if (!options.seed.empty() && options.seed != "demo") {
+        capture = readCaptureFile(options.seed);
+        if (!options.rawStamps) rebaseStamps(*capture, sandbox::monotonicNowNs());
+    }
     try {
         sandbox::enterPrivateBpffs();
         sandbox::createCatalogueMaps();
-        if (seed) sandbox::seedDemo();
+        if (options.seed == "demo") sandbox::seedDemo();
+        if (capture) replay(*capture, true);
     } catch (const sandbox::Error& error) {
         const char* hint = geteuid() != 0 ? "; try: sudo kovractl sandbox" : "";
         throw ToolError(kExitEnvironment, std::string("sandbox: ") + error.what() + hint);
     }
 }
 
-// Inside, `kovractl` is this very binary, wherever it was built.
+// Inside, `kovractl` is this very binary, wherever it was built, and `kovra-traffic` the driver
+// built or installed beside it (in the build tree, its own folder next to kovractl's).
 void putSelfOnPath() {
     char self[4096];
     const ssize_t length = readlink("/proc/self/exe", self, sizeof(self) - 1);
     if (length <= 0) return;
     std::string dir(self, static_cast<size_t>(length));
     dir.resize(dir.rfind('/'));
+    const std::string driver = dir.substr(0, dir.rfind('/')) + "/kovra-traffic";
+    if (access((driver + "/kovra-traffic").c_str(), X_OK) == 0) dir += ":" + driver;
     const char* path = getenv("PATH");
     setenv("PATH", (dir + ":" + (path != nullptr ? path : "/usr/bin:/bin")).c_str(), 1);
 }
@@ -166,7 +179,7 @@ int runSandbox(const SandboxOptions& options) {
                 "until you leave it\n",
                 outer);
     }
-    standUp(options.seed == "demo");
+    standUp(options);
 #ifdef KOVRA_LIVE_SIDE
     std::unique_ptr<live::LiveSide> live = options.live ? goLive() : nullptr;
 #else
@@ -211,8 +224,13 @@ void addSandboxCommand(CLI::App& app, Context& ctx) {
             "holds "
             "every map of the catalogue, empty or seeded; the machine's own maps are not touched. "
             "Exits with COMMAND's status");
-    command->add_option("--seed", opts->seed, "Fill the maps with a data set")
-            ->check(CLI::IsMember({"demo"}));
+    command->add_option("--seed", opts->seed,
+                        "Fill the maps: `demo`, the demo data set, or FILE, a capture "
+                        "(`kovractl -j dump`), whose CLOCK_MONOTONIC stamps are shifted so that "
+                        "each record keeps the age it had at capture")
+            ->type_name("demo|FILE");
+    command->add_flag("--raw-stamps", opts->rawStamps,
+                      "With --seed FILE: keep the capture's stamps as they are");
 #ifdef KOVRA_LIVE_SIDE
     command->add_flag("--live", opts->live,
                       "Also a private network namespace and the live kernel side: the project's "

@@ -160,16 +160,21 @@ std::string checkSeconds(const std::string& text) {
 
 void addListOptions(CLI::App* command, ListOptions& options, bool watchable) {
     command->add_option("--sort", options.sort, "Sort by this column, largest first");
-    command->add_option("--top", options.top, "Show only the first N rows")
-            ->check(unsignedNumber(UINT32_MAX));
+    // 0 rows or 0 listings would mean nothing or, read as "no limit", a watch without end:
+    // neither is what a user typing 0 expects, so both start at 1.
+    command->add_option("--top", options.top, "Show only the first N rows (N from 1)")
+            ->check(unsignedNumber(UINT32_MAX) & CLI::Range(uint64_t{1}, uint64_t{UINT32_MAX}));
     if (!watchable) return;
     CLI::Option* interval =
             command->add_option("--interval", options.interval,
-                                "List again every SECONDS (0.1 to 3600), with per-second rates of "
-                                "counters; Ctrl-C ends it")
+                                "List again every SECONDS (0.1 to 3600), each listing stamped with "
+                                "its time (stats: with per-second rates of the counters); Ctrl-C "
+                                "ends it")
                     ->check(CLI::Validator(checkSeconds, "SECONDS"));
-    command->add_option("--count", options.count, "With --interval: stop after N listings")
-            ->check(unsignedNumber(UINT32_MAX))
+    command->add_option("--count", options.count,
+                        "With --interval: stop after N listings (N from 1; without it, until "
+                        "Ctrl-C)")
+            ->check(unsignedNumber(UINT32_MAX) & CLI::Range(uint64_t{1}, uint64_t{UINT32_MAX}))
             ->needs(interval);
 }
 
@@ -189,9 +194,12 @@ int present(const Context& ctx, const ListOptions& options, const View& view) {
         if (n > 0) sleepUnlessStopped(options.interval);
         if (gStop) break;
         const Listing listing = take(view, options, &rates, total);
-        const time_t now = time(nullptr);
+        timespec stamp{};
+        clock_gettime(CLOCK_REALTIME, &stamp);
+        const time_t now = stamp.tv_sec;
         if (ctx.jsonOutput()) {
-            Json line = {{"time", now}};
+            // Listings may be a tenth of a second apart: whole seconds would not tell them apart.
+            Json line = {{"time", now}, {"timeMs", int64_t{now} * 1000 + stamp.tv_nsec / 1000000}};
             line.update(listingJson(listing));
             printf("%s\n", line.dump().c_str());
         } else {

@@ -44,12 +44,20 @@ std::vector<std::string> splitSandboxCommand(std::vector<std::string>& args) {
             break;
         }
     }
+    // `kovractl sandbox help` asks for the sandbox's help, as `help` last does everywhere.
+    if (i + 1 == args.size() && args[i] == "help") return {};
     std::vector<std::string> command(args.begin() + i, args.end());
     args.resize(i);
     return command;
 }
 
-int usageError(const CLI::App& app, const CLI::ParseError& error, bool json,
+// An error as JSON on stdout, laid out as -p or -j asked.
+void printJsonError(const std::string& message, int exitCode, bool pretty) {
+    printf("%s\n",
+           Json({{"error", message}, {"exitCode", exitCode}}).dump(pretty ? 2 : -1).c_str());
+}
+
+int usageError(const CLI::App& app, const CLI::ParseError& error, bool json, bool pretty,
                const std::vector<std::string>& args) {
     const CLI::App* command = commandNamed(app, args);
     std::string message = error.what();
@@ -59,7 +67,7 @@ int usageError(const CLI::App& app, const CLI::ParseError& error, bool json,
         message = "unknown subcommand '" + unknown.front() + "'";
     }
     fprintf(stderr, "kovractl: %s\n\n%s", message.c_str(), helpOf(command).c_str());
-    if (json) printf("%s\n", Json({{"error", message}, {"exitCode", kExitUsage}}).dump().c_str());
+    if (json || pretty) printJsonError(message, kExitUsage, pretty);
     return kExitUsage;
 }
 
@@ -69,13 +77,17 @@ int run(std::vector<std::string> args) {
     app.require_subcommand(1);
     // Global flags are accepted after the subcommands too: `kovractl stats uids -j`.
     app.fallthrough();
-    app.set_version_flag("--version", KOVRA_VERSION);
+    // -V as well: bpftool's and ip's users type it.
+    app.set_version_flag("-V,--version", KOVRA_VERSION);
     Context ctx;
     CLI::Option* json = app.add_flag("-j,--json", ctx.json, "Print compact JSON instead of tables");
     CLI::Option* pretty =
             app.add_flag("-p,--pretty", ctx.pretty, "Print indented JSON instead of tables");
     app.add_flag("-v,--verbose", ctx.verbose,
                  "Also show the library's DEBUG log lines, and which entries were removed");
+    app.add_flag("--preview", ctx.preview,
+                 "Run the command on a copy of the maps in a private bpffs: show what it would "
+                 "return and remove, and leave the maps as they are (root)");
     ctx.sandboxCommand = splitSandboxCommand(args);
 
     addStatsCommands(app, ctx);
@@ -84,6 +96,9 @@ int run(std::vector<std::string> args) {
     addWakeupCommands(app, ctx);
     addNetCommands(app, ctx);
     addMapsCommand(app, ctx);
+    addCaptureCommands(app, ctx);
+    addDiffCommand(app, ctx);
+    addUidCommand(app, ctx);
     addSandboxCommand(app, ctx);
     // Set last, so that only the top-level help carries it, not every subcommand's.
     app.footer(kExitCodes);
@@ -115,11 +130,12 @@ int run(std::vector<std::string> args) {
     } catch (const CLI::CallForVersion& version) {
         return app.exit(version);
     } catch (const CLI::ParseError& error) {
-        return usageError(app, error, json->count() + pretty->count() > 0, args);
+        return usageError(app, error, json->count() > 0, pretty->count() > 0, args);
     }
     if (ctx.verbose) __android_log_set_minimum_priority(ANDROID_LOG_DEBUG);
     int code;
     try {
+        if (ctx.preview) enterPreview();
         code = ctx.action();
     } catch (const ToolError& error) {
         // One line each for several problems (every map that does not fit, say).
@@ -131,8 +147,7 @@ int run(std::vector<std::string> args) {
         }
         fprintf(stderr, "%s%s\n", prefix.c_str(), lines.c_str());
         if (ctx.jsonOutput() && !error.inJson()) {
-            printf("%s\n",
-                   Json({{"error", error.what()}, {"exitCode", error.exitCode()}}).dump().c_str());
+            printJsonError(error.what(), error.exitCode(), ctx.pretty);
         }
         code = error.exitCode();
     } catch (const std::exception& error) {
@@ -143,8 +158,14 @@ int run(std::vector<std::string> args) {
     // Every write is checked here, at the end: a full disk or a closed stdout fails the command.
     if (fflush(stdout) != 0 || ferror(stdout)) {
         const int err = errno;
-        fprintf(stderr, "kovractl: writing the output failed: %s%s%s\n", strerror(err),
-                ctx.outputHoldsOnlyCopy.empty() ? "" : "; ", ctx.outputHoldsOnlyCopy.c_str());
+        // A reader that has seen enough (`| head -1`) ends the command quietly, as it ends other
+        // tools, unless what it did not read was the only copy of what a harvest removed.
+        if (err == EPIPE && ctx.outputHoldsOnlyCopy.empty()) return code;
+        const std::string made =
+                ctx.changeMade.empty() ? "" : "; the change was made: " + ctx.changeMade;
+        fprintf(stderr, "kovractl: writing the output failed: %s%s%s%s\n", strerror(err),
+                ctx.outputHoldsOnlyCopy.empty() ? "" : "; ", ctx.outputHoldsOnlyCopy.c_str(),
+                made.c_str());
         return kExitOutput;
     }
     return code;
@@ -155,7 +176,8 @@ int run(std::vector<std::string> args) {
 
 int main(int argc, char** argv) {
     signal(SIGABRT, kovra::tool::explainAbort);
-    // A closed pipe is an output failure like any other, reported rather than a silent death.
+    // A closed pipe is seen as a failed write, and run() decides what it means, rather than a
+    // silent death in the middle of a harvest.
     signal(SIGPIPE, SIG_IGN);
     return kovra::tool::run(std::vector<std::string>(argv + 1, argv + argc));
 }
