@@ -89,6 +89,45 @@ void printCompletions(const CLI::App& app, const std::vector<std::string>& words
     for (const std::string& word : next) printf("%s\n", word.c_str());
 }
 
+// The sections after the commands: what the tool reads and writes, what it reads from its
+// environment, and the workflows people run.
+constexpr char kManTail[] =
+        ".SH \"GLOBAL OPTIONS\"\n"
+        ".TP\n\\-j, \\-\\-json\nCompact JSON instead of tables, errors included.\n"
+        ".TP\n\\-p, \\-\\-pretty\nIndented JSON instead of tables, errors included.\n"
+        ".TP\n\\-v, \\-\\-verbose\nAlso the library's DEBUG log lines, and which entries were "
+        "removed.\n"
+        ".TP\n\\-\\-preview\nRun a command that removes entries against a copy of the maps in a "
+        "private bpffs, and report what it would return and remove; the real maps stay as they "
+        "are.\n"
+        ".TP\n\\-V, \\-\\-version\nThe version, then exit.\n"
+        ".SH FILES\n"
+        ".TP\n/sys/fs/bpf/\nThe pinned maps, at the paths `kovractl maps` lists.\n"
+        ".TP\n/tmp/kovra-live-cgroup.*\nA live sandbox's cgroup2 mount point; a new live sandbox "
+        "removes those whose sandbox was killed, and says so.\n"
+        ".SH ENVIRONMENT\n"
+        ".TP\nKOVRA_SANDBOX\nSet by `kovractl sandbox` for its command: `load` writes only "
+        "where it is set, unless given \\-\\-force.\n"
+        ".TP\nKOVRA_LIVE_CGROUP, KOVRA_LIVE_NETNS\nSet by `kovractl sandbox \\-\\-live`: the "
+        "sub-cgroup the programs are attached to, and the network namespace's inode.\n"
+        ".TP\nSHELL\nThe shell `kovractl sandbox` starts when given no command.\n"
+        ".SH EXAMPLES\n"
+        "Capture a device's maps, then replay them on the desk with each record's age kept:\n"
+        ".nf\n"
+        "  adb shell kovractl \\-j dump > device.json\n"
+        "  sudo kovractl sandbox \\-\\-seed device.json \\-\\- kovractl speeds sockets\n"
+        "  sudo kovractl sandbox \\-\\- sh \\-c 'kovractl load device.json app_socket_info'\n"
+        ".fi\n"
+        "Compare two captures, and look at one app across every family:\n"
+        ".nf\n"
+        "  kovractl diff before.json after.json\n"
+        "  kovractl uid 10123\n"
+        ".fi\n"
+        "See what a harvest would remove, without removing it:\n"
+        ".nf\n"
+        "  kovractl \\-\\-preview freeze syns\n"
+        ".fi\n";
+
 void printManPage(const CLI::App& app) {
     printf(".TH KOVRACTL 1 \"\" \"kovractl %s\" \"User Commands\"\n", KOVRA_VERSION);
     printf(".SH NAME\nkovractl \\- %s\n", roff(app.get_description()).c_str());
@@ -101,6 +140,7 @@ void printManPage(const CLI::App& app) {
     for (const CLI::App* sub : subcommandsOf(&app))
         printManSection(sub, "kovractl " + sub->get_name());
     printf(".SH \"EXIT STATUS\"\n%s\n", roff(kExitCodes + 1).c_str());
+    printf("%s", kManTail);
 }
 
 }  // namespace kovra::tool
