@@ -223,12 +223,12 @@ TEST_F(LiveWakeup, ScreenOffCountsAndScreenOnResetsWhatOverflowed) {
     ASSERT_EQ(0, bpfAddAppImHbLenMap(10041, 100));
     // Ten 100-byte heartbeats 250 ms apart; a connection idle 2.5 s that its peer probes; 100
     // connections that fill the 64-entry sequence maps; one whose FIN is dropped, as its app is
-    // blocked while it is open.
+    // blocked while it is open (held 3 s, so that the block comes first on an emulated machine).
     const std::string heartbeats = "uid=10041,peer=10042,bytes=1000,chunk=100,rate=400";
     auto running = std::async(std::launch::async, [&] {
         return drive({heartbeats, "uid=10043,peer=10044,bytes=10,hold=2500,keepalive=1",
                       "uid=10045,peer=10046,bytes=0,conns=100",
-                      "uid=10047,peer=10048,bytes=10,hold=1500,limit=4000"});
+                      "uid=10047,peer=10048,bytes=10,hold=3000,limit=6000"});
     });
     KovraStatsValue seen{};
     ASSERT_TRUE(await([&] { return bpfGetUidPurStats(10047, seen) == 0; }));
