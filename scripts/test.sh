@@ -22,23 +22,26 @@ build() {  # build BUILD_DIR [cmake options...]
 check() {  # check BUILD_DIR
     (cd "$1" && ctest -j "$jobs" --output-on-failure --timeout 300)
 }
+phase() {  # phase TITLE: its heading, with the time the run has taken so far
+    printf '== %s (at %dm%02ds)\n' "$1" $((SECONDS / 60)) $((SECONDS % 60))
+}
 
 # Test code stays well below the code it tests (at most 0.40 of it), and the sources, the eBPF
 # programs among them, are as clang-format lays them out.
 bash scripts/test-ratio.sh || status=1
 bash scripts/check-format.sh || status=1
 bash scripts/check-android-build.sh || status=1
-echo "== sanitized build (ASan + UBSan)"
+phase "sanitized build (ASan + UBSan)"
 export ASAN_OPTIONS=detect_leaks=1
 { build build/asan -DKOVRA_SANITIZE=ON -DKOVRA_BUILD_BENCH=OFF && check build/asan; } || status=1
 unset ASAN_OPTIONS
-echo "== arm64 kernels 5.10, 6.1, 6.12 (qemu)"
+phase "arm64 kernels 5.10, 6.1, 6.12 (qemu)"
 bash scripts/test-arm64.sh || status=1
-echo "== fuzzing (libFuzzer, ASan + UBSan)"
+phase "fuzzing (libFuzzer, ASan + UBSan)"
 FUZZ_SECONDS=${FUZZ_SECONDS:-20} bash scripts/fuzz.sh || status=1
-echo "== plain build"
+phase "plain build"
 if build build/release; then
-    echo "== valgrind memcheck (plain build)"
+    phase "valgrind memcheck (plain build)"
     bash scripts/memcheck.sh build/release || status=1
     check build/release || status=1
 else
