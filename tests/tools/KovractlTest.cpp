@@ -710,8 +710,14 @@ TEST_F(KovractlTest, UidShowsOneAppAcrossEveryFamily) {
 // --preview runs the real service on a copy: the maps stay as they were, and what it reported is
 // what the same command then does to them.
 TEST_F(KovractlTest, PreviewLeavesTheMapsAndShowsWhatTheServiceRemoves) {
+    // The demo data set's stale speed records are minutes old, its fresh ones under a second: a
+    // minute's threshold prunes the same records in the copy and, a moment later, for real.
     for (const std::vector<std::string>& command :
-         {std::vector<std::string>{"freeze", "syns"}, {"freeze", "stats"}, {"screen", "on", "5"}}) {
+         {std::vector<std::string>{"freeze", "syns"},
+          {"freeze", "stats"},
+          {"screen", "on", "5"},
+          {"speeds", "sockets", "--stale-ms", "60000", "--min-kbps", "0"},
+          {"speeds", "uids", "--stale-ms", "60000"}}) {
         fresh();
         const Snapshot before = snapshotMaps();
         std::vector<std::string> args = {"-j", "--preview"};
@@ -721,6 +727,7 @@ TEST_F(KovractlTest, PreviewLeavesTheMapsAndShowsWhatTheServiceRemoves) {
         EXPECT_TRUE(before == snapshotMaps()) << "--preview changed a map: " << line(args);
         args.erase(args.begin() + 1);
         EXPECT_EQ(jsonOf(preview), jsonOf(kovractl(args))) << line(args);
+        EXPECT_FALSE(before == snapshotMaps()) << "the command removed nothing: " << line(args);
     }
 }
 
