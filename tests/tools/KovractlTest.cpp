@@ -2,6 +2,7 @@
 // every test: what it refuses without touching a map, what it reports of what the services
 // removed, its views of the maps, watching, and the sandbox. kovractl runs as a child of the
 // test process, so it sees the same bpffs.
+#include <bpf/bpf.h>
 #include <fcntl.h>
 #include <spawn.h>
 #include <sys/stat.h>
@@ -238,6 +239,35 @@ TEST_F(KovractlTest, EnvironmentProblemsExitThreeAndTouchNothing) {
     }
 }
 
+// A map frozen read-only by the kernel: `maps` says so, a command that writes to it is warned
+// before the service runs, and a write that then fails names the errno; the map stays as it was.
+// Exit 0: the speed configuration's service ignores a rejected write.
+TEST_F(KovractlTest, FrozenMapsAreReportedAndFailedWritesNameTheError) {
+    const std::vector<std::tuple<const char*, std::vector<std::string>, int>> cases = {
+            {maps::kAppNetDisconnLimit.path, {"net", "block", "10077"}, 1},
+            {maps::kAppVuskLimit.path, {"net", "legacy", "10077", "0"}, 1},
+            {maps::kImAppHbLen.path, {"wakeup", "hb-len", "10077", "5"}, 1},
+            {maps::kAppFreezeConfig.path, {"freeze", "config", "set", "1", "2", "3"}, 1},
+            {maps::kAppSocketSpeedsIfindex.path, {"speeds", "iface", "9", "on"}, 1},
+            {maps::kAppSocketSpeedsConfig.path, {"speeds", "config", "4"}, 0}};
+    for (const auto& [path, args, exitCode] : cases) {
+        fresh();
+        ASSERT_EQ(0, bpf_map_freeze(RawMap::open(path, sandbox::Access::kReadWrite).fd())) << path;
+        const Snapshot before = snapshotMaps();
+        const Outcome maps = kovractl({"-j", "maps"});
+        EXPECT_EQ(3, maps.exitCode) << maps;
+        for (const json& row : jsonOf(maps)) {
+            EXPECT_EQ(row["path"] == path ? "frozen" : "ok", row["state"]) << row;
+        }
+        const Outcome run = kovractl(args);
+        EXPECT_EQ(exitCode, run.exitCode) << line(args) << run;
+        EXPECT_TRUE(contains(run.err, "warning: " + std::string(path) + ": frozen")) << run;
+        EXPECT_EQ(exitCode == 1, contains(run.err, "failed: Operation not permitted (status -1)"))
+                << run;
+        EXPECT_TRUE(before == snapshotMaps()) << line(args) << " changed a frozen map";
+    }
+}
+
 // Each removal a command reports, against what left the map.
 const std::vector<
         std::pair<std::vector<std::string>, std::vector<std::pair<const char*, const char*>>>>
@@ -305,7 +335,9 @@ TEST_F(KovractlTest, RemovalsAreReportedWithTheirCounts) {
 TEST_F(KovractlTest, StatusesAndViews) {
     const std::vector<std::tuple<std::vector<std::string>, int, std::string>> statuses = {
             {{"stats", "pur", "9"}, 4, "No such file or directory (status -2)"},
-            {{"net", "unblock", "10050"}, 1, "kovractl: unblock UID 10050 failed (status -1)"},
+            {{"net", "unblock", "10050"},
+             1,
+             "kovractl: unblock UID 10050 failed: No such file or directory (status -1)"},
             {{"speeds", "local", "40967"}, 1, "ifc_get_info failed is null"},
     };
     for (const auto& [args, code, message] : statuses) {
@@ -313,7 +345,7 @@ TEST_F(KovractlTest, StatusesAndViews) {
         EXPECT_EQ(code, run.exitCode) << run;
         EXPECT_TRUE(contains(run.err, message)) << run;
     }
-    EXPECT_EQ("unblock UID 10050 failed (status -1)",
+    EXPECT_EQ("unblock UID 10050 failed: No such file or directory (status -1)",
               jsonOf(kovractl({"net", "unblock", "10050", "-j"}))["error"])
             << "an error in JSON mode is an object on stdout";
 

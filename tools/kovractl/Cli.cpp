@@ -51,23 +51,28 @@ void allOrNone(CLI::App* command, std::vector<CLI::Option*> options, std::functi
     });
 }
 
-std::string failureText(int status, const std::string& what) {
-    if (status == -1) return what + " failed (status -1)";
-    return what + " failed: " + strerror(-status) + " (status " + std::to_string(status) + ")";
+std::string failureText(Status status, const std::string& what) {
+    const int error = status.value == -1 ? status.error : -status.value;
+    return what + " failed" + (error != 0 ? std::string(": ") + strerror(error) : "") +
+           " (status " + std::to_string(status.value) + ")";
 }
 
-void check(int status, const std::string& what) {
-    if (status < 0) throw ToolError(exitCodeForStatus(status), failureText(status, what));
+void check(Status status, const std::string& what) {
+    if (status.value < 0) {
+        throw ToolError(exitCodeForStatus(status.value), failureText(status, what));
+    }
 }
 
-Output change(int status, const std::string& what, Json details,
+Output change(Status status, const std::string& what, Json details,
               const std::vector<std::string>& report) {
-    details["status"] = status;
-    if (status < 0) details["error"] = failureText(status, what);
+    details["status"] = status.value;
+    if (status.value < 0) details["error"] = failureText(status, what);
     Output out{details};
     for (const std::string& line : report) out.line(line);
-    if (status == 0) out.line(what + ": ok");
-    if (status < 0) out.failure.emplace(exitCodeForStatus(status), failureText(status, what), true);
+    if (status.value == 0) out.line(what + ": ok");
+    if (status.value < 0) {
+        out.failure.emplace(exitCodeForStatus(status.value), failureText(status, what), true);
+    }
     return out;
 }
 

@@ -73,7 +73,7 @@ int socketSpeeds(const Context& ctx, const SpeedsOptions& opts) {
                 const std::set<uint64_t> sockets = keysOf(speedsMap), infos = keysOf(infoMap);
                 std::unordered_map<uint64_t, SpeedsValue> speeds;
                 std::unordered_set<uint64_t> watched(opts.watch.begin(), opts.watch.end());
-                check(bpfGetAppSocketSpeedsTotal(speeds, opts.staleMs, opts.minKbps, watched),
+                check(call(bpfGetAppSocketSpeedsTotal, speeds, opts.staleMs, opts.minKbps, watched),
                       "reading the socket speeds");
                 const std::vector<uint64_t> pruned = gone(sockets, keysOf(speedsMap));
                 const size_t info = gone(infos, keysOf(infoMap)).size();
@@ -100,7 +100,8 @@ int uidSpeeds(const Context& ctx, const SpeedsOptions& opts) {
             {"uid", "ifindex", "firstSpeedKbps", "secondSpeedKbps"}, "pair", {}, [&] {
                 const std::set<uint64_t> before = keysOf(pairsMap);
                 std::unordered_map<uint64_t, IfaceSpeedsValue> speeds;
-                check(bpfGetAppUidSpeedsTotal(speeds, opts.staleMs), "reading the UID speeds");
+                check(call(bpfGetAppUidSpeedsTotal, speeds, opts.staleMs),
+                      "reading the UID speeds");
                 const std::vector<uint64_t> pruned = gone(before, keysOf(pairsMap));
                 // The table's key is the pair read as one little-endian u64: UID low,
                 // interface high. Rows by UID, then interface.
@@ -141,7 +142,7 @@ Output bindInterface(const SpeedsOptions& opts) {
     const bool on = opts.state == "on";
     if (on) {
         requireMaps({needs(maps::kAppSocketSpeedsIfindex, Access::kReadWrite)});
-        return change(bpfUpdateAppSocketSpeedsIfindex(opts.ifindex, 1, opts.local),
+        return change(call(bpfUpdateAppSocketSpeedsIfindex, opts.ifindex, 1, opts.local),
                       "measure interface " + std::to_string(opts.ifindex) +
                               (opts.local ? " without subnet-local sockets" : ""),
                       {{"ifindex", opts.ifindex}, {"enable", true}, {"local", opts.local}});
@@ -157,7 +158,7 @@ Output bindInterface(const SpeedsOptions& opts) {
     requireMaps(maps);
     std::vector<Json> before;
     for (const auto& [name, map] : swept) before.push_back(entryCount(*map));
-    const int status = bpfUpdateAppSocketSpeedsIfindex(opts.ifindex, 0, 0);
+    const Status status = call(bpfUpdateAppSocketSpeedsIfindex, opts.ifindex, 0, 0);
     Json wiped = Json::object();
     std::string line = "wiped for interface " + std::to_string(opts.ifindex) + ":";
     for (size_t m = 0; m < swept.size(); ++m) {
@@ -185,19 +186,19 @@ Output showConfig() {
 
 Output setConfig(uint32_t config) {
     requireMaps({needs(maps::kAppSocketSpeedsConfig, Access::kReadWrite)});
-    return change(bpfUpdateAppSocketSpeedsConfig(config),
+    return change(call(bpfUpdateAppSocketSpeedsConfig, config),
                   "set the speed configuration word to " + std::to_string(config),
                   {{"config", config}});
 }
 
 Output localStatus(uint64_t cookie) {
     requireMaps({needs(maps::kAppSocketInfo, Access::kReadWrite)});
-    const int status = bpfGetSocketLocalStatus(cookie);
+    const Status status = call(bpfGetSocketLocalStatus, cookie);
     check(status, "telling whether socket " + std::to_string(cookie) + " is local");
-    Output out{{{"cookie", cookie}, {"local", status == 1}}};
-    return std::move(
-            out.line("socket " + std::to_string(cookie) + ": " +
-                     (status == 1 ? "peer in the interface's subnet" : "peer outside the subnet")));
+    Output out{{{"cookie", cookie}, {"local", status.value == 1}}};
+    return std::move(out.line(
+            "socket " + std::to_string(cookie) + ": " +
+            (status.value == 1 ? "peer in the interface's subnet" : "peer outside the subnet")));
 }
 
 }  // namespace

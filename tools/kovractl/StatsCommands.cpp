@@ -39,16 +39,17 @@ int totals(const Context& ctx, const StatsOptions& opts, const CLI::Option* uidO
     View view{rowsOf({}, vendor).columns, "UID", kCounters, [&] {
                   Totals totals;
                   if (!vendor) {
-                      check(bpfGetUidStatsTotal(totals), "reading netd's per-UID totals");
+                      check(call(bpfGetUidStatsTotal, totals), "reading netd's per-UID totals");
                       if (one) {
                           const auto it = totals.find(opts.uid);
                           totals = it == totals.end() ? Totals{} : Totals{*it};
                       }
                   } else if (one) {
-                      check(bpfGetUidPurStats(opts.uid, totals[opts.uid]),
+                      check(call(bpfGetUidPurStats, opts.uid, totals[opts.uid]),
                             "reading the vendor's totals of UID " + std::to_string(opts.uid));
                   } else {
-                      check(bpfGetUidPurStatsTotal(totals), "reading the vendor's per-UID totals");
+                      check(call(bpfGetUidPurStatsTotal, totals),
+                            "reading the vendor's per-UID totals");
                   }
                   Listing listing;
                   listing.rows = rowsOf(totals, vendor);

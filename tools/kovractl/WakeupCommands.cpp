@@ -101,7 +101,7 @@ int readCounters(const Context& ctx, const WakeupOptions& opts) {
                   std::map<unsigned int, std::vector<Json>> byUid;
                   for (size_t m = 0; m < chosen.size(); ++m) {
                       Counters counters;
-                      check(chosen[m]->read(counters),
+                      check(call(chosen[m]->read, counters),
                             "reading the " + shortName(chosen[m]->path) + " counters");
                       for (const auto& [uid, value] : counters) {
                           auto& row = byUid[uid];
@@ -132,7 +132,7 @@ Output listHeartbeats() {
 
 Output addHeartbeat(uint32_t uid, uint32_t hbLen) {
     requireMaps({needs(maps::kImAppHbLen, Access::kReadWrite)});
-    return change(bpfAddAppImHbLenMap(uid, hbLen),
+    return change(call(bpfAddAppImHbLenMap, uid, hbLen),
                   "set the heartbeat length of UID " + std::to_string(uid) + " to " +
                           std::to_string(hbLen),
                   {{"uid", uid}, {"hbLen", hbLen}});
@@ -207,7 +207,7 @@ Output switchScreen(const std::string& state, uint64_t stamp) {
         reset.push_back(
                 {{"bit", bit}, {"map", mapName(path)}, {"entries", entryCount(rowOf(path))}});
     }
-    const int status = bpfUpdateScreenStateMap(on ? 1 : 0, stamp);
+    const Status status = call(bpfUpdateScreenStateMap, on ? 1 : 0, stamp);
     Json details = {{"screen", state}, {"stamp", stamp}};
     std::vector<std::string> report;
     if (on) {
