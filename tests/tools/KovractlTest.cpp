@@ -11,6 +11,8 @@
 #include <fstream>
 #include <map>
 #include <memory>
+#include <set>
+#include <sstream>
 
 #include <kovrasandbox/Seed.h>
 #include <nlohmann/json.hpp>
@@ -475,6 +477,26 @@ TEST_F(KovractlTest, SandboxHasItsOwnBpffsAndPassesOnTheCommandUntouched) {
                                                           {"sandbox", "demo\n"},
                                                           {"dump", "\nscreen_state\n"}}) {
         EXPECT_TRUE(contains(kovractl({"__complete", words}).out, offered)) << words;
+    }
+    // After --sort: the columns of the listing's rows, as a watch prints them (rates included).
+    fresh();
+    for (std::vector<std::string> listing :
+         {std::vector<std::string>{"stats", "pur"},
+          {"speeds", "sockets", "--stale-ms", "600000", "--min-kbps", "0"},
+          {"wakeup"}}) {
+        std::vector<std::string> watch = {"-j", "--interval", "0.1", "--count", "1"};
+        watch.insert(watch.begin() + 1, listing.begin(), listing.end());
+        const Outcome listed = kovractl(watch);
+        const json rows = jsonOf(listed)["rows"];
+        ASSERT_TRUE(rows.is_array()) << listed;
+        std::set<std::string> columns;
+        for (const auto& [column, value] : rows.at(0).items()) columns.insert(column);
+        listing.insert(listing.begin(), "__complete");
+        listing.push_back("--sort");
+        std::set<std::string> offered;
+        std::istringstream lines(kovractl(listing).out);
+        for (std::string word; std::getline(lines, word);) offered.insert(word);
+        EXPECT_EQ(columns, offered) << line(listing);
     }
 }
 

@@ -4,6 +4,8 @@
 #include <stdio.h>
 #include <string.h>
 
+#include <map>
+
 namespace kovra::tool {
 
 namespace {
@@ -14,6 +16,12 @@ bool isUnsignedNumber(const std::string& text) {
     const char* allowed = hex ? "0123456789abcdefABCDEF" : "0123456789";
     return !digits.empty() && digits.find_first_not_of(allowed) == std::string::npos &&
            (hex || digits == "0" || digits[0] != '0');
+}
+
+// What each option offers to the completion, filled while the commands are added.
+std::map<const CLI::Option*, std::vector<std::string>>& valuesOffered() {
+    static std::map<const CLI::Option*, std::vector<std::string>> values;
+    return values;
 }
 
 }  // namespace
@@ -49,6 +57,16 @@ void allOrNone(CLI::App* command, std::vector<CLI::Option*> options, std::functi
         }
         if (more) more();
     });
+}
+
+void offerValues(const CLI::Option* option, std::vector<std::string> values) {
+    valuesOffered()[option] = std::move(values);
+}
+
+const std::vector<std::string>& offeredValues(const CLI::Option* option) {
+    static const std::vector<std::string> none;
+    const auto found = valuesOffered().find(option);
+    return found == valuesOffered().end() ? none : found->second;
 }
 
 std::string failureText(Status status, const std::string& what) {

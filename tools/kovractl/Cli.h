@@ -105,6 +105,11 @@ std::string failureText(Status status, const std::string& what);
 void allOrNone(CLI::App* command, std::vector<CLI::Option*> options,
                std::function<void()> more = {});
 
+// The values that `kovractl __complete` offers after an option (the columns after --sort), set
+// where the option is added; none unless set.
+void offerValues(const CLI::Option* option, std::vector<std::string> values);
+const std::vector<std::string>& offeredValues(const CLI::Option* option);
+
 // A change through a service: the `report` lines and "<what>: ok", or with JSON the `details`
 // with "status" (and "error"). A failed status is the output's failure: what the change removed
 // is told even when the service then fails.

@@ -58,6 +58,12 @@ std::string prunedLine(const Context& ctx, const std::vector<uint64_t>& keys,
     return line;
 }
 
+const std::vector<std::string> kSocketColumns = {
+        "cookie",      "ifindex", "firstSpeedKbps", "secondSpeedKbps", "firstStamp",
+        "secondStamp", "tag"};
+const std::vector<std::string> kPairColumns = {"uid", "ifindex", "firstSpeedKbps",
+                                               "secondSpeedKbps"};
+
 int socketSpeeds(const Context& ctx, const SpeedsOptions& opts) {
     const PinnedMapInfo& speedsMap = rowOf(maps::kAppSocketSpeeds.path);
     const PinnedMapInfo& infoMap = rowOf(maps::kAppSocketInfo.path);
@@ -65,11 +71,7 @@ int socketSpeeds(const Context& ctx, const SpeedsOptions& opts) {
                  {&infoMap, Access::kReadWrite},
                  needs(maps::kAppSocketSpeedsIfindex, Access::kReadWrite)});
     View view{
-            {"cookie", "ifindex", "firstSpeedKbps", "secondSpeedKbps", "firstStamp", "secondStamp",
-             "tag"},
-            "socket",
-            {},
-            [&] {
+            kSocketColumns, "socket", {}, [&] {
                 const std::set<uint64_t> sockets = keysOf(speedsMap), infos = keysOf(infoMap);
                 std::unordered_map<uint64_t, SpeedsValue> speeds;
                 std::unordered_set<uint64_t> watched(opts.watch.begin(), opts.watch.end());
@@ -97,7 +99,7 @@ int uidSpeeds(const Context& ctx, const SpeedsOptions& opts) {
     const PinnedMapInfo& pairsMap = rowOf(maps::kAppUidSpeeds.path);
     requireMaps({{&pairsMap, Access::kReadWrite}});
     View view{
-            {"uid", "ifindex", "firstSpeedKbps", "secondSpeedKbps"}, "pair", {}, [&] {
+            kPairColumns, "pair", {}, [&] {
                 const std::set<uint64_t> before = keysOf(pairsMap);
                 std::unordered_map<uint64_t, IfaceSpeedsValue> speeds;
                 check(call(bpfGetAppUidSpeedsTotal, speeds, opts.staleMs),
@@ -221,13 +223,13 @@ void addSpeedsCommands(CLI::App& app, Context& ctx) {
                         "Cookies to report below the floor, comma-separated")
             ->delimiter(',')
             ->check(unsignedNumber(UINT64_MAX));
-    addListOptions(sockets, opts->list, true);
+    addListOptions(sockets, opts->list, true, kSocketColumns);
     onRun(sockets, ctx, [&ctx, opts] { return socketSpeeds(ctx, *opts); });
 
     CLI::App* uids = speeds->add_subcommand(
             "uids", "Every live (UID, interface) pair in kbps; prunes, and reports, stale pairs");
     addNumber(uids, "--stale-ms", opts->staleMs, "Age in ms beyond which a speed is stale");
-    addListOptions(uids, opts->list, true);
+    addListOptions(uids, opts->list, true, kPairColumns);
     onRun(uids, ctx, [&ctx, opts] { return uidSpeeds(ctx, *opts); });
 
     CLI::App* iface = speeds->add_subcommand(

@@ -66,7 +66,7 @@ void addStatsCommands(CLI::App& app, Context& ctx) {
 
     CLI::App* uids = stats->add_subcommand("uids", "Totals from netd's per-UID statistics map");
     CLI::Option* netdUid = addNumber(uids, "UID", opts->uid, "Only this UID")->required(false);
-    addListOptions(uids, opts->list, true);
+    addListOptions(uids, opts->list, true, rowsOf({}, false).columns, kCounters);
     onRun(uids, ctx, [&ctx, opts, netdUid] { return totals(ctx, *opts, netdUid, false); });
 
     CLI::App* pur = stats->add_subcommand(
@@ -75,7 +75,7 @@ void addStatsCommands(CLI::App& app, Context& ctx) {
                                     "Only this UID: a single lookup, which fails with ENOENT "
                                     "(exit 4) when the UID has no entry")
                                   ->required(false);
-    addListOptions(pur, opts->list, true);
+    addListOptions(pur, opts->list, true, rowsOf({}, true).columns, kCounters);
     onRun(pur, ctx, [&ctx, opts, purUid] { return totals(ctx, *opts, purUid, true); });
 }
 

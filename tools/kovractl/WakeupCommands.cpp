@@ -66,6 +66,13 @@ std::vector<std::string> shortNames() {
     return names;
 }
 
+// The listing's columns: the UID, then one per counter map, in the order given.
+std::vector<std::string> columnsOf(const std::vector<std::string>& names) {
+    std::vector<std::string> columns = {"uid"};
+    for (const std::string& name : names) columns.push_back(camel(name));
+    return columns;
+}
+
 // The maps the screen-on reset clears, by their bit in the overflow check map.
 const std::vector<std::pair<uint32_t, const char*>> kOverflowBits = {
         {KOVRA_OVERFLOW_IN_SEQ, maps::kSkTcpCookieInSeq.path},
@@ -97,7 +104,7 @@ int readCounters(const Context& ctx, const WakeupOptions& opts) {
         }
     }
     requireMaps(needed);
-    View view{{"uid"}, "UID", {}, [&] {
+    View view{columnsOf(names), "UID", {}, [&] {
                   std::map<unsigned int, std::vector<Json>> byUid;
                   for (size_t m = 0; m < chosen.size(); ++m) {
                       Counters counters;
@@ -117,7 +124,6 @@ int readCounters(const Context& ctx, const WakeupOptions& opts) {
                   }
                   return listing;
               }};
-    for (const CounterMap* map : chosen) view.columns.push_back(camel(shortName(map->path)));
     return present(ctx, opts.list, view);
 }
 
@@ -236,7 +242,7 @@ void addWakeupCommands(CLI::App& app, Context& ctx) {
     CLI::Option* counterNames =
             wakeup->add_option("MAP", opts->maps, "Counter maps to show, by short name")
                     ->check(CLI::IsMember(shortNames()));
-    addListOptions(wakeup, opts->list, true);
+    addListOptions(wakeup, opts->list, true, columnsOf(shortNames()));
     onRun(wakeup, ctx, [&ctx, opts] { return readCounters(ctx, *opts); });
 
     CLI::App* hbLen = wakeup->add_subcommand(
