@@ -128,6 +128,10 @@ bool RawMap::frozen() const {
     return bpf_map_delete_elem(mFd, nullptr) != 0 && errno == EPERM;
 }
 
+void RawMap::freeze() const {
+    if (bpf_map_freeze(mFd) != 0) fail("freezing");
+}
+
 void createCatalogueMaps(uint32_t maxEntries) {
     for (const android::bpf::PinnedMapInfo& row : android::bpf::kPinnedMaps) {
         RawMap(row.path, row.keySize, row.valueSize, maxEntries);

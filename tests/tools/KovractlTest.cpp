@@ -2,7 +2,6 @@
 // every test: what it refuses without touching a map, what it reports of what the services
 // removed, its views of the maps, watching, and the sandbox. kovractl runs as a child of the
 // test process, so it sees the same bpffs.
-#include <bpf/bpf.h>
 #include <fcntl.h>
 #include <spawn.h>
 #include <sys/stat.h>
@@ -242,8 +241,9 @@ TEST_F(KovractlTest, EnvironmentProblemsExitThreeAndTouchNothing) {
 }
 
 // A map frozen read-only by the kernel: `maps` says so, a command that writes to it is warned
-// before the service runs, and a write that then fails names the errno; the map stays as it was.
-// Exit 0: the speed configuration's service ignores a rejected write.
+// before the service runs, and a write that then fails names the errno; the map stays as it was,
+// and --preview, whose copy is frozen too, foretells all of it. Exit 0: the speed configuration's
+// service ignores a rejected write, and a harvest its failed deletes.
 TEST_F(KovractlTest, FrozenMapsAreReportedAndFailedWritesNameTheError) {
     const std::vector<std::tuple<const char*, std::vector<std::string>, int>> cases = {
             {maps::kAppNetDisconnLimit.path, {"net", "block", "10077"}, 1},
@@ -251,22 +251,28 @@ TEST_F(KovractlTest, FrozenMapsAreReportedAndFailedWritesNameTheError) {
             {maps::kImAppHbLen.path, {"wakeup", "hb-len", "10077", "5"}, 1},
             {maps::kAppFreezeConfig.path, {"freeze", "config", "set", "1", "2", "3"}, 1},
             {maps::kAppSocketSpeedsIfindex.path, {"speeds", "iface", "9", "on"}, 1},
-            {maps::kAppSocketSpeedsConfig.path, {"speeds", "config", "4"}, 0}};
+            {maps::kAppSocketSpeedsConfig.path, {"speeds", "config", "4"}, 0},
+            {maps::kAppFreezeSyn.path, {"freeze", "syns"}, 0}};
     for (const auto& [path, args, exitCode] : cases) {
         fresh();
-        ASSERT_EQ(0, bpf_map_freeze(RawMap::open(path, sandbox::Access::kReadWrite).fd())) << path;
+        RawMap::open(path, sandbox::Access::kReadWrite).freeze();
         const Snapshot before = snapshotMaps();
         const Outcome maps = kovractl({"-j", "maps"});
         EXPECT_EQ(3, maps.exitCode) << maps;
         for (const json& row : jsonOf(maps)) {
             EXPECT_EQ(row["path"] == path ? "frozen" : "ok", row["state"]) << row;
         }
-        const Outcome run = kovractl(args);
+        std::vector<std::string> inJson = {"-j", "--preview"};
+        inJson.insert(inJson.end(), args.begin(), args.end());
+        const Outcome preview = kovractl(inJson);
+        inJson.erase(inJson.begin() + 1);
+        const Outcome run = kovractl(inJson);
         EXPECT_EQ(exitCode, run.exitCode) << line(args) << run;
         EXPECT_TRUE(contains(run.err, "warning: " + std::string(path) + ": frozen")) << run;
         EXPECT_EQ(exitCode == 1, contains(run.err, "failed: Operation not permitted (status -1)"))
                 << run;
         EXPECT_TRUE(before == snapshotMaps()) << line(args) << " changed a frozen map";
+        EXPECT_EQ(jsonOf(preview), jsonOf(run)) << "--preview " << line(args);
     }
 }
 

@@ -72,6 +72,8 @@ class RawMap {
     // space, through any descriptor, while its programs still write. Asked of a read-write
     // descriptor; changes nothing.
     bool frozen() const;
+    // Freezes the map: from now on the kernel refuses every write to it from user space.
+    void freeze() const;
 
   protected:
     RawMap(int fd, const char* path) : mFd(fd), mPath(path) {}
