@@ -217,11 +217,13 @@ replay() {
     "$kovractl" sandbox --seed "$capture" -- bash -c "$(declare -f asked); asked kovractl" \
         >"$scratch/asked-replayed" 2>/dev/null
     cut -f1 "$scratch/asked-live" | paste -sd , | sed 's/,/, /g' | fold -sw 92 | sed 's/^/   /'
-    check "the replayed sandbox's answers are the live ones" cmp -s "$scratch/asked-live" \
+    check "the replayed sandbox's answers are the live ones" agree "$scratch/asked-live" \
         "$scratch/asked-replayed"
     check "they include harvested freeze records and socket speeds" covered "$scratch/asked-live"
 }
 same() { "$kovractl" diff "$1" "$2" >/dev/null; }
+# agree A B: the same lines in both; if not, the first that differ, for the log.
+agree() { cmp -s "$1" "$2" || { diff "$1" "$2" | cut -c1-160 | head -6 | sed 's/^/   /' && false; }; }
 covered() {
     awk -F '\t' '$1 == "freeze syns" && $2 ~ /"harvested":[1-9]/ { freeze = 1 }
         $1 == "speeds sockets" && $2 ~ /"cookie"/ { speeds = 1 }
