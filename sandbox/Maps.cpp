@@ -122,8 +122,8 @@ std::vector<std::pair<Bytes, Bytes>> RawMap::rawEntries() const {
 
 // A delete without a key: the kernel checks the descriptor's write access, which freezing takes
 // away, before it copies the key, so a frozen map answers EPERM and any other EFAULT, and no
-// entry can be deleted (so on this desk's 6.18 kernel, for hash and array maps alike; the order of
-// the two checks is the same since freezing came in 5.2).
+// entry can be deleted. Seen so on a 6.18 kernel for hash and array maps alike; the kernel's
+// source has checked in this order since freezing came in 5.2.
 bool RawMap::frozen() const {
     return bpf_map_delete_elem(mFd, nullptr) != 0 && errno == EPERM;
 }
