@@ -120,6 +120,18 @@ std::vector<std::pair<Bytes, Bytes>> RawMap::rawEntries() const {
     return entries;
 }
 
+// A delete without a key: the kernel checks the descriptor's write access, which freezing takes
+// away, before it copies the key, so a frozen map answers EPERM and any other EFAULT, and no
+// entry can be deleted. Seen so on a 6.18 kernel for hash and array maps alike; the kernel's
+// source has checked in this order since freezing came in 5.2.
+bool RawMap::frozen() const {
+    return bpf_map_delete_elem(mFd, nullptr) != 0 && errno == EPERM;
+}
+
+void RawMap::freeze() const {
+    if (bpf_map_freeze(mFd) != 0) fail("freezing");
+}
+
 void createCatalogueMaps(uint32_t maxEntries) {
     for (const android::bpf::PinnedMapInfo& row : android::bpf::kPinnedMaps) {
         RawMap(row.path, row.keySize, row.valueSize, maxEntries);

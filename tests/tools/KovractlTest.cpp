@@ -10,6 +10,8 @@
 #include <fstream>
 #include <map>
 #include <memory>
+#include <set>
+#include <sstream>
 
 #include <kovrasandbox/Seed.h>
 #include <nlohmann/json.hpp>
@@ -238,6 +240,42 @@ TEST_F(KovractlTest, EnvironmentProblemsExitThreeAndTouchNothing) {
     }
 }
 
+// A map frozen read-only by the kernel: `maps` says so, a command that writes to it is warned
+// before the service runs, and a write that then fails names the errno; the map stays as it was,
+// and --preview, whose copy is frozen too, foretells all of it. Exit 0: the speed configuration's
+// service ignores a rejected write, and a harvest its failed deletes.
+TEST_F(KovractlTest, FrozenMapsAreReportedAndFailedWritesNameTheError) {
+    const std::vector<std::tuple<const char*, std::vector<std::string>, int>> cases = {
+            {maps::kAppNetDisconnLimit.path, {"net", "block", "10077"}, 1},
+            {maps::kAppVuskLimit.path, {"net", "legacy", "10077", "0"}, 1},
+            {maps::kImAppHbLen.path, {"wakeup", "hb-len", "10077", "5"}, 1},
+            {maps::kAppFreezeConfig.path, {"freeze", "config", "set", "1", "2", "3"}, 1},
+            {maps::kAppSocketSpeedsIfindex.path, {"speeds", "iface", "9", "on"}, 1},
+            {maps::kAppSocketSpeedsConfig.path, {"speeds", "config", "4"}, 0},
+            {maps::kAppFreezeSyn.path, {"freeze", "syns"}, 0}};
+    for (const auto& [path, args, exitCode] : cases) {
+        fresh();
+        RawMap::open(path, sandbox::Access::kReadWrite).freeze();
+        const Snapshot before = snapshotMaps();
+        const Outcome maps = kovractl({"-j", "maps"});
+        EXPECT_EQ(3, maps.exitCode) << maps;
+        for (const json& row : jsonOf(maps)) {
+            EXPECT_EQ(row["path"] == path ? "frozen" : "ok", row["state"]) << row;
+        }
+        std::vector<std::string> inJson = {"-j", "--preview"};
+        inJson.insert(inJson.end(), args.begin(), args.end());
+        const Outcome preview = kovractl(inJson);
+        inJson.erase(inJson.begin() + 1);
+        const Outcome run = kovractl(inJson);
+        EXPECT_EQ(exitCode, run.exitCode) << line(args) << run;
+        EXPECT_TRUE(contains(run.err, "warning: " + std::string(path) + ": frozen")) << run;
+        EXPECT_EQ(exitCode == 1, contains(run.err, "failed: Operation not permitted (status -1)"))
+                << run;
+        EXPECT_TRUE(before == snapshotMaps()) << line(args) << " changed a frozen map";
+        EXPECT_EQ(jsonOf(preview), jsonOf(run)) << "--preview " << line(args);
+    }
+}
+
 // Each removal a command reports, against what left the map.
 const std::vector<
         std::pair<std::vector<std::string>, std::vector<std::pair<const char*, const char*>>>>
@@ -305,7 +343,9 @@ TEST_F(KovractlTest, RemovalsAreReportedWithTheirCounts) {
 TEST_F(KovractlTest, StatusesAndViews) {
     const std::vector<std::tuple<std::vector<std::string>, int, std::string>> statuses = {
             {{"stats", "pur", "9"}, 4, "No such file or directory (status -2)"},
-            {{"net", "unblock", "10050"}, 1, "kovractl: unblock UID 10050 failed (status -1)"},
+            {{"net", "unblock", "10050"},
+             1,
+             "kovractl: unblock UID 10050 failed: No such file or directory (status -1)"},
             {{"speeds", "local", "40967"}, 1, "ifc_get_info failed is null"},
     };
     for (const auto& [args, code, message] : statuses) {
@@ -313,7 +353,7 @@ TEST_F(KovractlTest, StatusesAndViews) {
         EXPECT_EQ(code, run.exitCode) << run;
         EXPECT_TRUE(contains(run.err, message)) << run;
     }
-    EXPECT_EQ("unblock UID 10050 failed (status -1)",
+    EXPECT_EQ("unblock UID 10050 failed: No such file or directory (status -1)",
               jsonOf(kovractl({"net", "unblock", "10050", "-j"}))["error"])
             << "an error in JSON mode is an object on stdout";
 
@@ -443,6 +483,26 @@ TEST_F(KovractlTest, SandboxHasItsOwnBpffsAndPassesOnTheCommandUntouched) {
                                                           {"sandbox", "demo\n"},
                                                           {"dump", "\nscreen_state\n"}}) {
         EXPECT_TRUE(contains(kovractl({"__complete", words}).out, offered)) << words;
+    }
+    // After --sort: the columns of the listing's rows, as a watch prints them (rates included).
+    fresh();
+    for (std::vector<std::string> listing :
+         {std::vector<std::string>{"stats", "pur"},
+          {"speeds", "sockets", "--stale-ms", "600000", "--min-kbps", "0"},
+          {"wakeup"}}) {
+        std::vector<std::string> watch = {"-j", "--interval", "0.1", "--count", "1"};
+        watch.insert(watch.begin() + 1, listing.begin(), listing.end());
+        const Outcome listed = kovractl(watch);
+        const json rows = jsonOf(listed)["rows"];
+        ASSERT_TRUE(rows.is_array()) << listed;
+        std::set<std::string> columns;
+        for (const auto& [column, value] : rows.at(0).items()) columns.insert(column);
+        listing.insert(listing.begin(), "__complete");
+        listing.push_back("--sort");
+        std::set<std::string> offered;
+        std::istringstream lines(kovractl(listing).out);
+        for (std::string word; std::getline(lines, word);) offered.insert(word);
+        EXPECT_EQ(columns, offered) << line(listing);
     }
 }
 
@@ -710,8 +770,14 @@ TEST_F(KovractlTest, UidShowsOneAppAcrossEveryFamily) {
 // --preview runs the real service on a copy: the maps stay as they were, and what it reported is
 // what the same command then does to them.
 TEST_F(KovractlTest, PreviewLeavesTheMapsAndShowsWhatTheServiceRemoves) {
+    // The demo data set's stale speed records are minutes old, its fresh ones under a second: a
+    // minute's threshold prunes the same records in the copy and, a moment later, for real.
     for (const std::vector<std::string>& command :
-         {std::vector<std::string>{"freeze", "syns"}, {"freeze", "stats"}, {"screen", "on", "5"}}) {
+         {std::vector<std::string>{"freeze", "syns"},
+          {"freeze", "stats"},
+          {"screen", "on", "5"},
+          {"speeds", "sockets", "--stale-ms", "60000", "--min-kbps", "0"},
+          {"speeds", "uids", "--stale-ms", "60000"}}) {
         fresh();
         const Snapshot before = snapshotMaps();
         std::vector<std::string> args = {"-j", "--preview"};
@@ -721,6 +787,7 @@ TEST_F(KovractlTest, PreviewLeavesTheMapsAndShowsWhatTheServiceRemoves) {
         EXPECT_TRUE(before == snapshotMaps()) << "--preview changed a map: " << line(args);
         args.erase(args.begin() + 1);
         EXPECT_EQ(jsonOf(preview), jsonOf(kovractl(args))) << line(args);
+        EXPECT_FALSE(before == snapshotMaps()) << "the command removed nothing: " << line(args);
     }
 }
 

@@ -4,6 +4,8 @@
 #include <stdio.h>
 #include <string.h>
 
+#include <map>
+
 namespace kovra::tool {
 
 namespace {
@@ -14,6 +16,12 @@ bool isUnsignedNumber(const std::string& text) {
     const char* allowed = hex ? "0123456789abcdefABCDEF" : "0123456789";
     return !digits.empty() && digits.find_first_not_of(allowed) == std::string::npos &&
            (hex || digits == "0" || digits[0] != '0');
+}
+
+// What each option offers to the completion, filled while the commands are added.
+std::map<const CLI::Option*, std::vector<std::string>>& valuesOffered() {
+    static std::map<const CLI::Option*, std::vector<std::string>> values;
+    return values;
 }
 
 }  // namespace
@@ -51,23 +59,38 @@ void allOrNone(CLI::App* command, std::vector<CLI::Option*> options, std::functi
     });
 }
 
-std::string failureText(int status, const std::string& what) {
-    if (status == -1) return what + " failed (status -1)";
-    return what + " failed: " + strerror(-status) + " (status " + std::to_string(status) + ")";
+void offerValues(const CLI::Option* option, std::vector<std::string> values) {
+    valuesOffered()[option] = std::move(values);
 }
 
-void check(int status, const std::string& what) {
-    if (status < 0) throw ToolError(exitCodeForStatus(status), failureText(status, what));
+const std::vector<std::string>& offeredValues(const CLI::Option* option) {
+    static const std::vector<std::string> none;
+    const auto found = valuesOffered().find(option);
+    return found == valuesOffered().end() ? none : found->second;
 }
 
-Output change(int status, const std::string& what, Json details,
+std::string failureText(Status status, const std::string& what) {
+    const int error = status.value == -1 ? status.error : -status.value;
+    return what + " failed" + (error != 0 ? std::string(": ") + strerror(error) : "") +
+           " (status " + std::to_string(status.value) + ")";
+}
+
+void check(Status status, const std::string& what) {
+    if (status.value < 0) {
+        throw ToolError(exitCodeForStatus(status.value), failureText(status, what));
+    }
+}
+
+Output change(Status status, const std::string& what, Json details,
               const std::vector<std::string>& report) {
-    details["status"] = status;
-    if (status < 0) details["error"] = failureText(status, what);
+    details["status"] = status.value;
+    if (status.value < 0) details["error"] = failureText(status, what);
     Output out{details};
     for (const std::string& line : report) out.line(line);
-    if (status == 0) out.line(what + ": ok");
-    if (status < 0) out.failure.emplace(exitCodeForStatus(status), failureText(status, what), true);
+    if (status.value == 0) out.line(what + ": ok");
+    if (status.value < 0) {
+        out.failure.emplace(exitCodeForStatus(status.value), failureText(status, what), true);
+    }
     return out;
 }
 

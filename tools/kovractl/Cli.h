@@ -2,6 +2,7 @@
 // that turns a service's status into an exit code.
 #pragma once
 
+#include <errno.h>
 #include <stdint.h>
 
 #include <algorithm>
@@ -77,8 +78,26 @@ CLI::Option* addNumber(CLI::App* command, const std::string& name, T& value,
     return command->add_option(name, value, description)->required()->check(unsignedNumber(max));
 }
 
-// "<what> failed: <strerror> (status -N)", or "<what> failed (status -1)".
-std::string failureText(int status, const std::string& what);
+// What a service returned: its status and, for -1, the errno it left. The library returns -1
+// and leaves errno as the system call that failed set it; anything run after the service may
+// change errno again, so call() reads it at once.
+struct Status {
+    int value;
+    int error;  // 0 when no system call failed (a -1 for a reason of the service's own)
+};
+
+// Calls a service with errno cleared first, so that an errno left from before is not taken for
+// the service's.
+template <typename Service, typename... Args>
+Status call(Service&& service, Args&&... args) {
+    errno = 0;
+    const int value = std::invoke(std::forward<Service>(service), std::forward<Args>(args)...);
+    return {value, value == -1 ? errno : 0};
+}
+
+// "<what> failed: <strerror> (status -N)"; for -1 with the errno the service left, or
+// "<what> failed (status -1)" when it left none.
+std::string failureText(Status status, const std::string& what);
 
 // For a command that shows a map without arguments and changes it with them: either all of
 // `options` are given or none, checked while parsing (with `more`, the command's other checks),
@@ -86,14 +105,19 @@ std::string failureText(int status, const std::string& what);
 void allOrNone(CLI::App* command, std::vector<CLI::Option*> options,
                std::function<void()> more = {});
 
+// The values that `kovractl __complete` offers after an option (the columns after --sort), set
+// where the option is added; none unless set.
+void offerValues(const CLI::Option* option, std::vector<std::string> values);
+const std::vector<std::string>& offeredValues(const CLI::Option* option);
+
 // A change through a service: the `report` lines and "<what>: ok", or with JSON the `details`
 // with "status" (and "error"). A failed status is the output's failure: what the change removed
 // is told even when the service then fails.
-Output change(int status, const std::string& what, Json details,
+Output change(Status status, const std::string& what, Json details,
               const std::vector<std::string>& report = {});
 
 // Throws the ToolError of a failed service status, with failureText().
-void check(int status, const std::string& what);
+void check(Status status, const std::string& what);
 
 // Sorted keys of an unordered result table, so output is stable from run to run.
 template <typename Map>

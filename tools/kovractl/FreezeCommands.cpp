@@ -32,7 +32,7 @@ Output harvest(Context& ctx, int (*service)(std::unordered_map<uint64_t, Record>
                const PinnedMapInfo& map, const std::string& what) {
     requireMaps({{&map, Access::kReadWrite}});
     std::unordered_map<uint64_t, Record> records;
-    check(service(records), "harvesting the " + what);
+    check(call(service, records), "harvesting the " + what);
     // The service has emptied the map: these records exist nowhere but in this output now.
     ctx.outputHoldsOnlyCopy = countOf(records.size(), "harvested record") + " removed from " +
                               mapName(map.path) + (records.size() == 1 ? " is" : " are") + " lost";
@@ -51,7 +51,7 @@ Json configJson(const AppFreezeConfig& config) {
 Output getConfig() {
     requireMaps({needs(maps::kAppFreezeConfig, Access::kReadWrite)});
     AppFreezeConfig config{};
-    check(bpfGetAppFreezeConfig(config), "reading the freeze configuration");
+    check(call(bpfGetAppFreezeConfig, config), "reading the freeze configuration");
     Output out{configJson(config)};
     return std::move(
             out.table({{"word0", "word1", "word2"}, {{config.word0, config.word1, config.word2}}}));
@@ -67,7 +67,7 @@ Output setConfig(const uint32_t (&words)[3]) {
     Json details = configJson(config);
     details["written"] = !skipped;
     if (skipped) {
-        check(bpfSetAppFreezeConfig(config), "setting the freeze configuration");
+        check(call(bpfSetAppFreezeConfig, config), "setting the freeze configuration");
         Output out{details};
         return std::move(out.line("freeze configuration " + text +
                                   " not written: the library skips a value equal to the last one "
@@ -75,7 +75,7 @@ Output setConfig(const uint32_t (&words)[3]) {
                                   "keeps its record"));
     }
     requireMaps({needs(maps::kAppFreezeConfig, Access::kReadWrite)});
-    return change(bpfSetAppFreezeConfig(config), "set the freeze configuration to " + text,
+    return change(call(bpfSetAppFreezeConfig, config), "set the freeze configuration to " + text,
                   details);
 }
 

@@ -3,6 +3,7 @@
 #include <stdio.h>
 
 #include "Capture.h"
+#include "Cli.h"
 
 namespace kovra::tool {
 namespace {
@@ -67,6 +68,12 @@ const CLI::App* commandNamed(const CLI::App& app, const std::vector<std::string>
 
 void printCompletions(const CLI::App& app, const std::vector<std::string>& words) {
     const CLI::App* command = commandNamed(app, words);
+    // After an option that takes one of known values (--sort COLUMN), those values alone.
+    if (const CLI::Option* option =
+                words.empty() ? nullptr : command->get_option_no_throw(words.back())) {
+        for (const std::string& value : offeredValues(option)) printf("%s\n", value.c_str());
+        if (!offeredValues(option).empty()) return;
+    }
     std::vector<std::string> next;
     for (const CLI::App* sub : subcommandsOf(command)) next.push_back(sub->get_name());
     if (command != &app) next.push_back("help");

@@ -10,8 +10,8 @@
 namespace kovra::tool {
 
 inline constexpr char kExitCodes[] = R"(
-Exit codes: 0 success; 1 the service failed (status -1: a walk, write or delete failed), or
-`diff` found the captures differ; 2 bad arguments or a capture that cannot be read (nothing was
+Exit codes: 0 success; 1 the service failed (status -1: a walk, write or delete failed; the
+errno it left is printed), or `diff` found the captures differ; 2 bad arguments or a capture that cannot be read (nothing was
 touched); 3 not root, or a map missing, locked or not fitting its records (nothing was touched),
 or the sandbox could not be set up; 4 the service returned -errno (the errno is printed); 5 the
 output could not be written. The library's log lines go to stderr; -v adds its DEBUG lines. `kovractl help`, `kovractl COMMAND help` and --help show help.)";

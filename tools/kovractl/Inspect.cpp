@@ -2,6 +2,7 @@
 
 #include <errno.h>
 #include <fcntl.h>
+#include <stdio.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -99,14 +100,20 @@ MapState inspectMap(const PinnedMapInfo& row, Access access) {
         if (info.flags & BPF_F_RDONLY) {
             return fail(state, "read-only", "flags mark it read-only, the service writes to it");
         }
+        std::optional<RawMap> writable;
         try {
-            RawMap::open(row.path, Access::kReadWrite);
+            writable.emplace(RawMap::open(row.path, Access::kReadWrite));
         } catch (const sandbox::Error& error) {
             return fail(state, "no-access",
                         std::string("cannot be opened for writing: ") + strerror(error.code()));
         }
         if (writeLocked(map->fd(), info.id)) {
             return fail(state, "locked", "write-locked by another process");
+        }
+        if (writable->frozen()) {
+            return fail(state, "frozen",
+                        "frozen read-only by the kernel (BPF_MAP_FREEZE): the service's writes to "
+                        "it fail");
         }
     }
     return state;
@@ -122,6 +129,13 @@ void requireMaps(const MapNeeds& maps) {
     for (const auto& [row, access] : maps) {
         const MapState state = inspectMap(*row, access);
         if (state.state == "ok") continue;
+        // The library opens a frozen map as any other and its writes fail, which the service
+        // reports by its status, or not at all (a harvest or a prune that leaves the entries):
+        // said here, before it runs, so that the cause is seen either way.
+        if (state.state == "frozen") {
+            fprintf(stderr, "kovractl: warning: %s: %s\n", row->path, state.problem.c_str());
+            continue;
+        }
         if (!problems.empty()) problems += "\n";
         problems += std::string(row->path) + ": " + state.state + ": " + state.problem;
     }

@@ -21,7 +21,8 @@ using sandbox::Access;
 
 // What kovractl finds at a catalogue path. `state` is "ok" or one word for the first thing that
 // the library would refuse: missing, not-a-map, no-access, wrong-type, wrong-size, read-only,
-// write-only, locked; `problem` says it with the actual against the expected value.
+// write-only, locked; or, for a map that the library opens but cannot write to, frozen.
+// `problem` says it with the actual against the expected value.
 struct MapState {
     const android::bpf::PinnedMapInfo* row = nullptr;
     std::string state = "ok";
@@ -46,8 +47,8 @@ std::pair<const android::bpf::PinnedMapInfo*, Access> needs(
 using MapNeeds = std::vector<std::pair<const android::bpf::PinnedMapInfo*, Access>>;
 
 // Ends the command with exit 3 unless kovractl runs as root and every map of `maps` passes
-// inspectMap, so that the services never reach the library's abort(). Every problem is reported,
-// one line per map.
+// inspectMap (ok, or frozen), so that the services never reach the library's abort(). Every
+// problem is reported, one line per map.
 void requireMaps(const MapNeeds& maps);
 
 // Every entry of a map, read through a read-only handle in the kernel's walk order (see

@@ -30,8 +30,7 @@ int asServiceUid(uint32_t uid) {
 
 Output block(uint32_t uid, bool blocked) {
     requireMaps({needs(maps::kAppNetDisconnLimit, Access::kReadWrite)});
-    const int status =
-            blocked ? bpfDisableNetwork(asServiceUid(uid)) : bpfEnableNetwork(asServiceUid(uid));
+    const Status status = call(blocked ? bpfDisableNetwork : bpfEnableNetwork, asServiceUid(uid));
     return change(status, (blocked ? "block UID " : "unblock UID ") + std::to_string(uid),
                   {{"uid", uid}, {"action", blocked ? "block" : "unblock"}});
 }
@@ -39,7 +38,7 @@ Output block(uint32_t uid, bool blocked) {
 Output legacy(uint32_t uid, uint32_t rule) {
     requireMaps({needs(maps::kAppVuskLimit, Access::kReadWrite)});
     const std::string action = rule == 1 ? "allow" : "block";
-    return change(bpfLegacySetFirewall(asServiceUid(uid), static_cast<int>(rule)),
+    return change(call(bpfLegacySetFirewall, asServiceUid(uid), static_cast<int>(rule)),
                   "legacy firewall " + action + " UID " + std::to_string(uid),
                   {{"uid", uid}, {"rule", rule}, {"action", action}});
 }

@@ -14,9 +14,15 @@ void enterPreview() {
     if (geteuid() != 0) requireMaps({});
     // Stamps stay as they are: the copy is read on the same machine, against the same clock.
     const Capture capture = takeCapture({});
+    // A frozen map's copy is frozen too, so that what the service cannot remove stays there.
+    std::vector<const char*> frozen;
+    for (const android::bpf::PinnedMapInfo& row : android::bpf::kPinnedMaps) {
+        if (inspectMap(row, Access::kReadWrite).state == "frozen") frozen.push_back(row.path);
+    }
     try {
         sandbox::enterPrivateBpffs();
         replay(capture, true);
+        for (const char* path : frozen) sandbox::RawMap::open(path, Access::kReadWrite).freeze();
     } catch (const sandbox::Error& error) {
         throw ToolError(kExitEnvironment, std::string("preview: ") + error.what());
     }

@@ -58,6 +58,12 @@ std::string prunedLine(const Context& ctx, const std::vector<uint64_t>& keys,
     return line;
 }
 
+const std::vector<std::string> kSocketColumns = {
+        "cookie",      "ifindex", "firstSpeedKbps", "secondSpeedKbps", "firstStamp",
+        "secondStamp", "tag"};
+const std::vector<std::string> kPairColumns = {"uid", "ifindex", "firstSpeedKbps",
+                                               "secondSpeedKbps"};
+
 int socketSpeeds(const Context& ctx, const SpeedsOptions& opts) {
     const PinnedMapInfo& speedsMap = rowOf(maps::kAppSocketSpeeds.path);
     const PinnedMapInfo& infoMap = rowOf(maps::kAppSocketInfo.path);
@@ -65,15 +71,11 @@ int socketSpeeds(const Context& ctx, const SpeedsOptions& opts) {
                  {&infoMap, Access::kReadWrite},
                  needs(maps::kAppSocketSpeedsIfindex, Access::kReadWrite)});
     View view{
-            {"cookie", "ifindex", "firstSpeedKbps", "secondSpeedKbps", "firstStamp", "secondStamp",
-             "tag"},
-            "socket",
-            {},
-            [&] {
+            kSocketColumns, "socket", {}, [&] {
                 const std::set<uint64_t> sockets = keysOf(speedsMap), infos = keysOf(infoMap);
                 std::unordered_map<uint64_t, SpeedsValue> speeds;
                 std::unordered_set<uint64_t> watched(opts.watch.begin(), opts.watch.end());
-                check(bpfGetAppSocketSpeedsTotal(speeds, opts.staleMs, opts.minKbps, watched),
+                check(call(bpfGetAppSocketSpeedsTotal, speeds, opts.staleMs, opts.minKbps, watched),
                       "reading the socket speeds");
                 const std::vector<uint64_t> pruned = gone(sockets, keysOf(speedsMap));
                 const size_t info = gone(infos, keysOf(infoMap)).size();
@@ -97,10 +99,11 @@ int uidSpeeds(const Context& ctx, const SpeedsOptions& opts) {
     const PinnedMapInfo& pairsMap = rowOf(maps::kAppUidSpeeds.path);
     requireMaps({{&pairsMap, Access::kReadWrite}});
     View view{
-            {"uid", "ifindex", "firstSpeedKbps", "secondSpeedKbps"}, "pair", {}, [&] {
+            kPairColumns, "pair", {}, [&] {
                 const std::set<uint64_t> before = keysOf(pairsMap);
                 std::unordered_map<uint64_t, IfaceSpeedsValue> speeds;
-                check(bpfGetAppUidSpeedsTotal(speeds, opts.staleMs), "reading the UID speeds");
+                check(call(bpfGetAppUidSpeedsTotal, speeds, opts.staleMs),
+                      "reading the UID speeds");
                 const std::vector<uint64_t> pruned = gone(before, keysOf(pairsMap));
                 // The table's key is the pair read as one little-endian u64: UID low,
                 // interface high. Rows by UID, then interface.
@@ -141,7 +144,7 @@ Output bindInterface(const SpeedsOptions& opts) {
     const bool on = opts.state == "on";
     if (on) {
         requireMaps({needs(maps::kAppSocketSpeedsIfindex, Access::kReadWrite)});
-        return change(bpfUpdateAppSocketSpeedsIfindex(opts.ifindex, 1, opts.local),
+        return change(call(bpfUpdateAppSocketSpeedsIfindex, opts.ifindex, 1, opts.local),
                       "measure interface " + std::to_string(opts.ifindex) +
                               (opts.local ? " without subnet-local sockets" : ""),
                       {{"ifindex", opts.ifindex}, {"enable", true}, {"local", opts.local}});
@@ -157,7 +160,7 @@ Output bindInterface(const SpeedsOptions& opts) {
     requireMaps(maps);
     std::vector<Json> before;
     for (const auto& [name, map] : swept) before.push_back(entryCount(*map));
-    const int status = bpfUpdateAppSocketSpeedsIfindex(opts.ifindex, 0, 0);
+    const Status status = call(bpfUpdateAppSocketSpeedsIfindex, opts.ifindex, 0, 0);
     Json wiped = Json::object();
     std::string line = "wiped for interface " + std::to_string(opts.ifindex) + ":";
     for (size_t m = 0; m < swept.size(); ++m) {
@@ -185,19 +188,19 @@ Output showConfig() {
 
 Output setConfig(uint32_t config) {
     requireMaps({needs(maps::kAppSocketSpeedsConfig, Access::kReadWrite)});
-    return change(bpfUpdateAppSocketSpeedsConfig(config),
+    return change(call(bpfUpdateAppSocketSpeedsConfig, config),
                   "set the speed configuration word to " + std::to_string(config),
                   {{"config", config}});
 }
 
 Output localStatus(uint64_t cookie) {
     requireMaps({needs(maps::kAppSocketInfo, Access::kReadWrite)});
-    const int status = bpfGetSocketLocalStatus(cookie);
+    const Status status = call(bpfGetSocketLocalStatus, cookie);
     check(status, "telling whether socket " + std::to_string(cookie) + " is local");
-    Output out{{{"cookie", cookie}, {"local", status == 1}}};
-    return std::move(
-            out.line("socket " + std::to_string(cookie) + ": " +
-                     (status == 1 ? "peer in the interface's subnet" : "peer outside the subnet")));
+    Output out{{{"cookie", cookie}, {"local", status.value == 1}}};
+    return std::move(out.line(
+            "socket " + std::to_string(cookie) + ": " +
+            (status.value == 1 ? "peer in the interface's subnet" : "peer outside the subnet")));
 }
 
 }  // namespace
@@ -220,13 +223,13 @@ void addSpeedsCommands(CLI::App& app, Context& ctx) {
                         "Cookies to report below the floor, comma-separated")
             ->delimiter(',')
             ->check(unsignedNumber(UINT64_MAX));
-    addListOptions(sockets, opts->list, true);
+    addListOptions(sockets, opts->list, true, kSocketColumns);
     onRun(sockets, ctx, [&ctx, opts] { return socketSpeeds(ctx, *opts); });
 
     CLI::App* uids = speeds->add_subcommand(
             "uids", "Every live (UID, interface) pair in kbps; prunes, and reports, stale pairs");
     addNumber(uids, "--stale-ms", opts->staleMs, "Age in ms beyond which a speed is stale");
-    addListOptions(uids, opts->list, true);
+    addListOptions(uids, opts->list, true, kPairColumns);
     onRun(uids, ctx, [&ctx, opts] { return uidSpeeds(ctx, *opts); });
 
     CLI::App* iface = speeds->add_subcommand(

@@ -39,16 +39,17 @@ int totals(const Context& ctx, const StatsOptions& opts, const CLI::Option* uidO
     View view{rowsOf({}, vendor).columns, "UID", kCounters, [&] {
                   Totals totals;
                   if (!vendor) {
-                      check(bpfGetUidStatsTotal(totals), "reading netd's per-UID totals");
+                      check(call(bpfGetUidStatsTotal, totals), "reading netd's per-UID totals");
                       if (one) {
                           const auto it = totals.find(opts.uid);
                           totals = it == totals.end() ? Totals{} : Totals{*it};
                       }
                   } else if (one) {
-                      check(bpfGetUidPurStats(opts.uid, totals[opts.uid]),
+                      check(call(bpfGetUidPurStats, opts.uid, totals[opts.uid]),
                             "reading the vendor's totals of UID " + std::to_string(opts.uid));
                   } else {
-                      check(bpfGetUidPurStatsTotal(totals), "reading the vendor's per-UID totals");
+                      check(call(bpfGetUidPurStatsTotal, totals),
+                            "reading the vendor's per-UID totals");
                   }
                   Listing listing;
                   listing.rows = rowsOf(totals, vendor);
@@ -65,7 +66,7 @@ void addStatsCommands(CLI::App& app, Context& ctx) {
 
     CLI::App* uids = stats->add_subcommand("uids", "Totals from netd's per-UID statistics map");
     CLI::Option* netdUid = addNumber(uids, "UID", opts->uid, "Only this UID")->required(false);
-    addListOptions(uids, opts->list, true);
+    addListOptions(uids, opts->list, true, rowsOf({}, false).columns, kCounters);
     onRun(uids, ctx, [&ctx, opts, netdUid] { return totals(ctx, *opts, netdUid, false); });
 
     CLI::App* pur = stats->add_subcommand(
@@ -74,7 +75,7 @@ void addStatsCommands(CLI::App& app, Context& ctx) {
                                     "Only this UID: a single lookup, which fails with ENOENT "
                                     "(exit 4) when the UID has no entry")
                                   ->required(false);
-    addListOptions(pur, opts->list, true);
+    addListOptions(pur, opts->list, true, rowsOf({}, true).columns, kCounters);
     onRun(pur, ctx, [&ctx, opts, purUid] { return totals(ctx, *opts, purUid, true); });
 }
 

@@ -66,6 +66,13 @@ std::vector<std::string> shortNames() {
     return names;
 }
 
+// The listing's columns: the UID, then one per counter map, in the order given.
+std::vector<std::string> columnsOf(const std::vector<std::string>& names) {
+    std::vector<std::string> columns = {"uid"};
+    for (const std::string& name : names) columns.push_back(camel(name));
+    return columns;
+}
+
 // The maps the screen-on reset clears, by their bit in the overflow check map.
 const std::vector<std::pair<uint32_t, const char*>> kOverflowBits = {
         {KOVRA_OVERFLOW_IN_SEQ, maps::kSkTcpCookieInSeq.path},
@@ -97,11 +104,11 @@ int readCounters(const Context& ctx, const WakeupOptions& opts) {
         }
     }
     requireMaps(needed);
-    View view{{"uid"}, "UID", {}, [&] {
+    View view{columnsOf(names), "UID", {}, [&] {
                   std::map<unsigned int, std::vector<Json>> byUid;
                   for (size_t m = 0; m < chosen.size(); ++m) {
                       Counters counters;
-                      check(chosen[m]->read(counters),
+                      check(call(chosen[m]->read, counters),
                             "reading the " + shortName(chosen[m]->path) + " counters");
                       for (const auto& [uid, value] : counters) {
                           auto& row = byUid[uid];
@@ -117,7 +124,6 @@ int readCounters(const Context& ctx, const WakeupOptions& opts) {
                   }
                   return listing;
               }};
-    for (const CounterMap* map : chosen) view.columns.push_back(camel(shortName(map->path)));
     return present(ctx, opts.list, view);
 }
 
@@ -132,7 +138,7 @@ Output listHeartbeats() {
 
 Output addHeartbeat(uint32_t uid, uint32_t hbLen) {
     requireMaps({needs(maps::kImAppHbLen, Access::kReadWrite)});
-    return change(bpfAddAppImHbLenMap(uid, hbLen),
+    return change(call(bpfAddAppImHbLenMap, uid, hbLen),
                   "set the heartbeat length of UID " + std::to_string(uid) + " to " +
                           std::to_string(hbLen),
                   {{"uid", uid}, {"hbLen", hbLen}});
@@ -207,7 +213,7 @@ Output switchScreen(const std::string& state, uint64_t stamp) {
         reset.push_back(
                 {{"bit", bit}, {"map", mapName(path)}, {"entries", entryCount(rowOf(path))}});
     }
-    const int status = bpfUpdateScreenStateMap(on ? 1 : 0, stamp);
+    const Status status = call(bpfUpdateScreenStateMap, on ? 1 : 0, stamp);
     Json details = {{"screen", state}, {"stamp", stamp}};
     std::vector<std::string> report;
     if (on) {
@@ -236,7 +242,7 @@ void addWakeupCommands(CLI::App& app, Context& ctx) {
     CLI::Option* counterNames =
             wakeup->add_option("MAP", opts->maps, "Counter maps to show, by short name")
                     ->check(CLI::IsMember(shortNames()));
-    addListOptions(wakeup, opts->list, true);
+    addListOptions(wakeup, opts->list, true, columnsOf(shortNames()));
     onRun(wakeup, ctx, [&ctx, opts] { return readCounters(ctx, *opts); });
 
     CLI::App* hbLen = wakeup->add_subcommand(

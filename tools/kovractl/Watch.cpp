@@ -44,10 +44,10 @@ std::string normalized(const std::string& name) {
     return out;
 }
 
-std::vector<std::string> allColumns(const View& view, bool watching) {
-    std::vector<std::string> columns = view.columns;
+std::vector<std::string> allColumns(std::vector<std::string> columns,
+                                    const std::vector<std::string>& rated, bool watching) {
     if (watching) {
-        for (const std::string& counter : view.rated) columns.push_back(counter + "PerSec");
+        for (const std::string& counter : rated) columns.push_back(counter + "PerSec");
     }
     return columns;
 }
@@ -158,8 +158,11 @@ std::string checkSeconds(const std::string& text) {
 
 }  // namespace
 
-void addListOptions(CLI::App* command, ListOptions& options, bool watchable) {
-    command->add_option("--sort", options.sort, "Sort by this column, largest first");
+void addListOptions(CLI::App* command, ListOptions& options, bool watchable,
+                    const std::vector<std::string>& columns,
+                    const std::vector<std::string>& rated) {
+    offerValues(command->add_option("--sort", options.sort, "Sort by this column, largest first"),
+                allColumns(columns, rated, watchable));
     // 0 rows or 0 listings would mean nothing or, read as "no limit", a watch without end:
     // neither is what a user typing 0 expects, so both start at 1.
     command->add_option("--top", options.top, "Show only the first N rows (N from 1)")
@@ -180,7 +183,8 @@ void addListOptions(CLI::App* command, ListOptions& options, bool watchable) {
 
 int present(const Context& ctx, const ListOptions& options, const View& view) {
     const bool watching = options.interval > 0;
-    if (!options.sort.empty()) columnIndex(allColumns(view, watching), options.sort);
+    if (!options.sort.empty())
+        columnIndex(allColumns(view.columns, view.rated, watching), options.sort);
     size_t total = 0;
     if (!watching) {
         const Listing listing = take(view, options, nullptr, total);

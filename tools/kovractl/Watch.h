@@ -13,8 +13,12 @@ struct ListOptions {
     size_t top = 0;       // rows kept after sorting; 0: all
 };
 
-// Adds --sort and --top, and with `watchable` --interval and --count, to a listing command.
-void addListOptions(CLI::App* command, ListOptions& options, bool watchable);
+// Adds --sort and --top, and with `watchable` --interval and --count, to a listing command whose
+// View has these `columns` and `rated` counters: --sort completes to the columns a listing can
+// have.
+void addListOptions(CLI::App* command, ListOptions& options, bool watchable,
+                    const std::vector<std::string>& columns,
+                    const std::vector<std::string>& rated = {});
 
 // One listing: its rows, and what reading them changed (removals by a service that prunes), as
 // JSON fields added to the listing's object and as lines below its table.

@@ -68,6 +68,12 @@ class RawMap {
     std::vector<Bytes> rawKeys(uint32_t keySize) const;
     // Every entry by the map's own key and value sizes.
     std::vector<std::pair<Bytes, Bytes>> rawEntries() const;
+    // True when the map is frozen (BPF_MAP_FREEZE): the kernel refuses every write from user
+    // space, through any descriptor, while its programs still write. Asked of a read-write
+    // descriptor; changes nothing.
+    bool frozen() const;
+    // Freezes the map: from now on the kernel refuses every write to it from user space.
+    void freeze() const;
 
   protected:
     RawMap(int fd, const char* path) : mFd(fd), mPath(path) {}
