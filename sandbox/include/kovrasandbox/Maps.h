@@ -62,12 +62,16 @@ class RawMap {
 
     int fd() const { return mFd; }
     MapInfo info() const;
+    // Pins the map at `path` too, replacing whatever was pinned there.
+    void pin(const char* path) const;
     // False when `key` has no entry.
     bool getRaw(const void* key, void* value) const;
     // The keys in the kernel's walk order, each `keySize` bytes.
     std::vector<Bytes> rawKeys(uint32_t keySize) const;
     // Every entry by the map's own key and value sizes.
     std::vector<std::pair<Bytes, Bytes>> rawEntries() const;
+    // Throws Error "`what` <the map's path>: strerror(errno)".
+    [[noreturn]] void fail(const char* what) const;
 
   protected:
     RawMap(int fd, const char* path) : mFd(fd), mPath(path) {}
@@ -76,7 +80,6 @@ class RawMap {
     bool eraseRaw(const void* key) const;
 
   private:
-    [[noreturn]] void fail(const char* what) const;
     int mFd;
     std::string mPath;  // for the errors
 };
