@@ -61,9 +61,6 @@ std::string prunedLine(const Context& ctx, const std::vector<uint64_t>& keys,
 int socketSpeeds(const Context& ctx, const SpeedsOptions& opts) {
     const PinnedMapInfo& speedsMap = rowOf(maps::kAppSocketSpeeds.path);
     const PinnedMapInfo& infoMap = rowOf(maps::kAppSocketInfo.path);
-    requireMaps({{&speedsMap, Access::kReadWrite},
-                 {&infoMap, Access::kReadWrite},
-                 needs(maps::kAppSocketSpeedsIfindex, Access::kReadWrite)});
     View view{
             {"cookie", "ifindex", "firstSpeedKbps", "secondSpeedKbps", "firstStamp", "secondStamp",
              "tag"},
@@ -95,7 +92,6 @@ int socketSpeeds(const Context& ctx, const SpeedsOptions& opts) {
 
 int uidSpeeds(const Context& ctx, const SpeedsOptions& opts) {
     const PinnedMapInfo& pairsMap = rowOf(maps::kAppUidSpeeds.path);
-    requireMaps({{&pairsMap, Access::kReadWrite}});
     View view{
             {"uid", "ifindex", "firstSpeedKbps", "secondSpeedKbps"}, "pair", {}, [&] {
                 const std::set<uint64_t> before = keysOf(pairsMap);
@@ -126,9 +122,27 @@ int uidSpeeds(const Context& ctx, const SpeedsOptions& opts) {
     return present(ctx, opts.list, view);
 }
 
+// Taking an interface out sweeps its data from three maps, then drops its table entry.
+const std::vector<std::pair<std::string, const PinnedMapInfo*>>& sweptMaps() {
+    static const std::vector<std::pair<std::string, const PinnedMapInfo*>> swept = {
+            {"sockets", &rowOf(maps::kAppSocketSpeeds.path)},
+            {"pairs", &rowOf(maps::kAppUidSpeeds.path)},
+            {"socketInfo", &rowOf(maps::kAppSocketInfo.path)},
+            {"interfaces", &rowOf(maps::kAppSocketSpeedsIfindex.path)}};
+    return swept;
+}
+
+// What `speeds iface` needs: the table to list it, to put an interface in, or every swept map.
+MapNeeds ifaceNeeds(bool listing, bool on) {
+    if (listing) return {needs(maps::kAppSocketSpeedsIfindex, Access::kReadOnly)};
+    if (on) return {needs(maps::kAppSocketSpeedsIfindex, Access::kReadWrite)};
+    MapNeeds all;
+    for (const auto& [name, map] : sweptMaps()) all.push_back({map, Access::kReadWrite});
+    return all;
+}
+
 // The per-interface measurement table as it stands.
 Output listInterfaces() {
-    requireMaps({needs(maps::kAppSocketSpeedsIfindex, Access::kReadOnly)});
     Rows rows{{"ifindex", "enable", "localEnable"}, {}};
     for (const auto& [ifindex, config] : readEntries(maps::kAppSocketSpeedsIfindex)) {
         rows.rows.push_back({ifindex, config.enable, config.localEnable});
@@ -140,21 +154,12 @@ Output listInterfaces() {
 Output bindInterface(const SpeedsOptions& opts) {
     const bool on = opts.state == "on";
     if (on) {
-        requireMaps({needs(maps::kAppSocketSpeedsIfindex, Access::kReadWrite)});
         return change(bpfUpdateAppSocketSpeedsIfindex(opts.ifindex, 1, opts.local),
                       "measure interface " + std::to_string(opts.ifindex) +
                               (opts.local ? " without subnet-local sockets" : ""),
                       {{"ifindex", opts.ifindex}, {"enable", true}, {"local", opts.local}});
     }
-    // Taking an interface out sweeps its data from three maps, then drops its table entry.
-    const std::vector<std::pair<std::string, const PinnedMapInfo*>> swept = {
-            {"sockets", &rowOf(maps::kAppSocketSpeeds.path)},
-            {"pairs", &rowOf(maps::kAppUidSpeeds.path)},
-            {"socketInfo", &rowOf(maps::kAppSocketInfo.path)},
-            {"interfaces", &rowOf(maps::kAppSocketSpeedsIfindex.path)}};
-    MapNeeds maps;
-    for (const auto& [name, map] : swept) maps.push_back({map, Access::kReadWrite});
-    requireMaps(maps);
+    const auto& swept = sweptMaps();
     std::vector<Json> before;
     for (const auto& [name, map] : swept) before.push_back(entryCount(*map));
     const int status = bpfUpdateAppSocketSpeedsIfindex(opts.ifindex, 0, 0);
@@ -173,7 +178,6 @@ Output bindInterface(const SpeedsOptions& opts) {
 }
 
 Output showConfig() {
-    requireMaps({needs(maps::kAppSocketSpeedsConfig, Access::kReadOnly)});
     Json word = nullptr;
     for (const auto& [key, value] : readEntries(maps::kAppSocketSpeedsConfig)) {
         if (key == 0) word = value;
@@ -184,14 +188,12 @@ Output showConfig() {
 }
 
 Output setConfig(uint32_t config) {
-    requireMaps({needs(maps::kAppSocketSpeedsConfig, Access::kReadWrite)});
     return change(bpfUpdateAppSocketSpeedsConfig(config),
                   "set the speed configuration word to " + std::to_string(config),
                   {{"config", config}});
 }
 
 Output localStatus(uint64_t cookie) {
-    requireMaps({needs(maps::kAppSocketInfo, Access::kReadWrite)});
     const int status = bpfGetSocketLocalStatus(cookie);
     check(status, "telling whether socket " + std::to_string(cookie) + " is local");
     Output out{{{"cookie", cookie}, {"local", status == 1}}};
@@ -221,13 +223,18 @@ void addSpeedsCommands(CLI::App& app, Context& ctx) {
             ->delimiter(',')
             ->check(unsignedNumber(UINT64_MAX));
     addListOptions(sockets, opts->list, true);
-    onRun(sockets, ctx, [&ctx, opts] { return socketSpeeds(ctx, *opts); });
+    onRun(sockets, ctx,
+          {needs(maps::kAppSocketSpeeds, Access::kReadWrite),
+           needs(maps::kAppSocketInfo, Access::kReadWrite),
+           needs(maps::kAppSocketSpeedsIfindex, Access::kReadWrite)},
+          [&ctx, opts] { return socketSpeeds(ctx, *opts); });
 
     CLI::App* uids = speeds->add_subcommand(
             "uids", "Every live (UID, interface) pair in kbps; prunes, and reports, stale pairs");
     addNumber(uids, "--stale-ms", opts->staleMs, "Age in ms beyond which a speed is stale");
     addListOptions(uids, opts->list, true);
-    onRun(uids, ctx, [&ctx, opts] { return uidSpeeds(ctx, *opts); });
+    onRun(uids, ctx, {needs(maps::kAppUidSpeeds, Access::kReadWrite)},
+          [&ctx, opts] { return uidSpeeds(ctx, *opts); });
 
     CLI::App* iface = speeds->add_subcommand(
             "iface",
@@ -244,23 +251,31 @@ void addSpeedsCommands(CLI::App& app, Context& ctx) {
             throw CLI::ValidationError("--local", "goes with on");
         }
     });
-    onShow(iface, ctx,
-           [opts, state] { return state->count() > 0 ? bindInterface(*opts) : listInterfaces(); });
+    onShow(
+            iface, ctx,
+            [opts, state] { return ifaceNeeds(state->count() == 0, opts->state == "on"); },
+            [opts, state] { return state->count() > 0 ? bindInterface(*opts) : listInterfaces(); });
 
     CLI::App* config =
             speeds->add_subcommand("config", "Show the global speed configuration word, or set it");
     CLI::Option* word =
             addNumber(config, "WORD", opts->config, "The word, as the kernel side reads it")
                     ->required(false);
-    onShow(config, ctx,
-           [opts, word] { return word->count() > 0 ? setConfig(opts->config) : showConfig(); });
+    onShow(
+            config, ctx,
+            [word] {
+                return MapNeeds{needs(maps::kAppSocketSpeedsConfig,
+                                      word->count() > 0 ? Access::kReadWrite : Access::kReadOnly)};
+            },
+            [opts, word] { return word->count() > 0 ? setConfig(opts->config) : showConfig(); });
 
     CLI::App* local = speeds->add_subcommand(
             "local",
             "Whether a socket's peer lies in its interface's IPv4 subnet (exit 1 when "
             "it cannot be told, as usual outside a socket report)");
     addNumber(local, "COOKIE", opts->cookie, "Socket cookie");
-    onShow(local, ctx, [opts] { return localStatus(opts->cookie); });
+    onShow(local, ctx, {needs(maps::kAppSocketInfo, Access::kReadWrite)},
+           [opts] { return localStatus(opts->cookie); });
 }
 
 }  // namespace kovra::tool

@@ -84,19 +84,28 @@ struct WakeupOptions {
     ListOptions list;
 };
 
-int readCounters(const Context& ctx, const WakeupOptions& opts) {
-    // In the order given, all nine by default.
+// The counter maps asked for, in the order given, all nine by default.
+std::vector<const CounterMap*> chosenCounters(const WakeupOptions& opts) {
     const std::vector<std::string> names = opts.maps.empty() ? shortNames() : opts.maps;
     std::vector<const CounterMap*> chosen;
-    MapNeeds needed;
     for (const std::string& name : names) {
         for (const CounterMap& map : counterMaps()) {
-            if (shortName(map.path) != name) continue;
-            chosen.push_back(&map);
-            needed.push_back({&rowOf(map.path), Access::kReadOnly});
+            if (shortName(map.path) == name) chosen.push_back(&map);
         }
     }
-    requireMaps(needed);
+    return chosen;
+}
+
+MapNeeds counterNeeds(const WakeupOptions& opts) {
+    MapNeeds needed;
+    for (const CounterMap* map : chosenCounters(opts)) {
+        needed.push_back({&rowOf(map->path), Access::kReadOnly});
+    }
+    return needed;
+}
+
+int readCounters(const Context& ctx, const WakeupOptions& opts) {
+    const std::vector<const CounterMap*> chosen = chosenCounters(opts);
     View view{{"uid"}, "UID", {}, [&] {
                   std::map<unsigned int, std::vector<Json>> byUid;
                   for (size_t m = 0; m < chosen.size(); ++m) {
@@ -122,7 +131,6 @@ int readCounters(const Context& ctx, const WakeupOptions& opts) {
 }
 
 Output listHeartbeats() {
-    requireMaps({needs(maps::kImAppHbLen, Access::kReadOnly)});
     Rows rows{{"uid", "hbLen"}, {}};
     for (const auto& [uid, length] : readEntries(maps::kImAppHbLen))
         rows.rows.push_back({uid, length});
@@ -131,7 +139,6 @@ Output listHeartbeats() {
 }
 
 Output addHeartbeat(uint32_t uid, uint32_t hbLen) {
-    requireMaps({needs(maps::kImAppHbLen, Access::kReadWrite)});
     return change(bpfAddAppImHbLenMap(uid, hbLen),
                   "set the heartbeat length of UID " + std::to_string(uid) + " to " +
                           std::to_string(hbLen),
@@ -149,8 +156,6 @@ std::map<uint32_t, Json> overflowFlags() {
 }
 
 Output showScreen() {
-    requireMaps({needs(maps::kScreenState, Access::kReadOnly),
-                 needs(maps::kOverflowingMapCheck, Access::kReadOnly)});
     std::map<uint32_t, Json> state = {{KOVRA_SCREEN_CODE_KEY, nullptr},
                                       {KOVRA_SCREEN_OFF_STAMP_KEY, nullptr},
                                       {KOVRA_SCREEN_ON_STAMP_KEY, nullptr}};
@@ -178,28 +183,39 @@ Output showScreen() {
     return std::move(out.table(overflow));
 }
 
+// The maps flagged as overflowing, which `screen on` resets; none while the check map cannot be
+// read.
+std::vector<std::pair<uint32_t, const char*>> flaggedMaps() {
+    std::vector<std::pair<uint32_t, const char*>> flagged;
+    if (inspectMap(rowOf(maps::kOverflowingMapCheck.path), Access::kReadOnly).state != "ok") {
+        return flagged;
+    }
+    const std::map<uint32_t, Json> flags = overflowFlags();
+    for (const auto& [bit, path] : kOverflowBits) {
+        if (flags.at(bit) == KOVRA_OVERFLOWING) flagged.push_back({bit, path});
+    }
+    return flagged;
+}
+
+// The service opens the check map, then each map whose flag is 1 (on), or the heartbeat lengths
+// (off).
+MapNeeds screenNeeds(bool on) {
+    MapNeeds needed = {needs(maps::kScreenState, Access::kReadWrite)};
+    if (!on) {
+        needed.push_back(needs(maps::kImAppHbLen, Access::kReadWrite));
+        return needed;
+    }
+    needed.push_back(needs(maps::kOverflowingMapCheck, Access::kReadWrite));
+    for (const auto& [bit, path] : flaggedMaps())
+        needed.push_back({&rowOf(path), Access::kReadWrite});
+    return needed;
+}
+
 Output switchScreen(const std::string& state, uint64_t stamp) {
     const bool on = state == "on";
-    MapNeeds needed = {needs(maps::kScreenState, Access::kReadWrite)};
-    std::vector<std::pair<uint32_t, const char*>> flagged;
-    Json dropped = nullptr;
-    if (on) {
-        // The service opens the check map, then each map whose flag is 1.
-        needed.push_back(needs(maps::kOverflowingMapCheck, Access::kReadWrite));
-        if (inspectMap(rowOf(maps::kOverflowingMapCheck.path), Access::kReadOnly).state == "ok") {
-            const std::map<uint32_t, Json> flags = overflowFlags();
-            for (const auto& [bit, path] : kOverflowBits) {
-                if (flags.at(bit) != KOVRA_OVERFLOWING) continue;
-                flagged.push_back({bit, path});
-                needed.push_back({&rowOf(path), Access::kReadWrite});
-            }
-        }
-        requireMaps(needed);
-    } else {
-        needed.push_back(needs(maps::kImAppHbLen, Access::kReadWrite));
-        requireMaps(needed);
-        dropped = entryCount(rowOf(maps::kImAppHbLen.path));
-    }
+    const std::vector<std::pair<uint32_t, const char*>> flagged =
+            on ? flaggedMaps() : std::vector<std::pair<uint32_t, const char*>>{};
+    const Json dropped = on ? Json(nullptr) : entryCount(rowOf(maps::kImAppHbLen.path));
     uint32_t mask = 0;
     Json reset = Json::array();
     for (const auto& [bit, path] : flagged) {
@@ -237,7 +253,9 @@ void addWakeupCommands(CLI::App& app, Context& ctx) {
             wakeup->add_option("MAP", opts->maps, "Counter maps to show, by short name")
                     ->check(CLI::IsMember(shortNames()));
     addListOptions(wakeup, opts->list, true);
-    onRun(wakeup, ctx, [&ctx, opts] { return readCounters(ctx, *opts); });
+    onRun(
+            wakeup, ctx, [opts] { return counterNeeds(*opts); },
+            [&ctx, opts] { return readCounters(ctx, *opts); });
 
     CLI::App* hbLen = wakeup->add_subcommand(
             "hb-len", "Without arguments, list the IM heartbeat lengths; with them, register one");
@@ -249,9 +267,15 @@ void addWakeupCommands(CLI::App& app, Context& ctx) {
             throw CLI::ValidationError("hb-len", "takes no counter map names before it");
         }
     });
-    onShow(hbLen, ctx, [opts, uid] {
-        return uid->count() > 0 ? addHeartbeat(opts->uid, opts->hbLen) : listHeartbeats();
-    });
+    onShow(
+            hbLen, ctx,
+            [uid] {
+                return MapNeeds{needs(maps::kImAppHbLen,
+                                      uid->count() > 0 ? Access::kReadWrite : Access::kReadOnly)};
+            },
+            [opts, uid] {
+                return uid->count() > 0 ? addHeartbeat(opts->uid, opts->hbLen) : listHeartbeats();
+            });
 
     CLI::App* screen = app.add_subcommand(
             "screen",
@@ -263,9 +287,17 @@ void addWakeupCommands(CLI::App& app, Context& ctx) {
     CLI::Option* stamp = addNumber(screen, "STAMP", opts->stamp,
                                    "The time stamp of the change, stored as given");
     allOrNone(screen, {state, stamp});
-    onShow(screen, ctx, [opts, state] {
-        return state->count() > 0 ? switchScreen(opts->screen, opts->stamp) : showScreen();
-    });
+    onShow(
+            screen, ctx,
+            [opts, state] {
+                return state->count() > 0
+                               ? screenNeeds(opts->screen == "on")
+                               : MapNeeds{needs(maps::kScreenState, Access::kReadOnly),
+                                          needs(maps::kOverflowingMapCheck, Access::kReadOnly)};
+            },
+            [opts, state] {
+                return state->count() > 0 ? switchScreen(opts->screen, opts->stamp) : showScreen();
+            });
 }
 
 }  // namespace kovra::tool
