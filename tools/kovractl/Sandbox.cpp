@@ -237,14 +237,15 @@ void addSandboxCommand(CLI::App& app, Context& ctx) {
                       "eBPF programs, attached to a private cgroup that COMMAND runs in, fill the "
                       "maps from COMMAND's traffic (see docs/live.md)");
 #endif
-    // The command itself never reaches the parser: main() takes it off the command line.
-    command->footer(
-            "COMMAND: everything after the sandbox's own options (or after --), passed on "
-            "untouched");
-    onRun(command, ctx, [&ctx, opts] {
-        opts->command = ctx.sandboxCommand;
-        return runSandbox(*opts);
-    });
+    // The command's first word ends the sandbox's options: from there on every word is the
+    // command's, so `kovractl sandbox kovractl stats uids -j` gives -j to the inner command. A
+    // `--` before it is left over as an extra, the only one the sandbox takes.
+    command->add_option("COMMAND", opts->command,
+                        "Everything after the sandbox's own options (or after --), passed on "
+                        "untouched")
+            ->allow_extra_args();
+    command->positionals_at_end()->allow_extras();
+    onRun(command, ctx, [opts] { return runSandbox(*opts); });
 }
 
 }  // namespace kovra::tool

@@ -25,32 +25,6 @@ void explainAbort(int) {
     _exit(kExitEnvironment);
 }
 
-// The sandbox's command is everything after the sandbox's own options (or after --), handed on
-// untouched, so it never reaches the parser, which would take its options for kovractl's own:
-// `kovractl sandbox --seed demo kovractl stats uids -j` gives -j to the inner command.
-std::vector<std::string> splitSandboxCommand(std::vector<std::string>& args) {
-    size_t i = 0;
-    while (i < args.size() && isGlobalFlag(args[i])) ++i;
-    if (i == args.size() || args[i] != "sandbox") return {};
-    for (++i; i < args.size(); ++i) {
-        if (args[i] == "--seed") {
-            // A missing value is the parser's to report.
-            if (i + 1 < args.size()) ++i;
-        } else if (args[i] == "--") {
-            std::vector<std::string> command(args.begin() + i + 1, args.end());
-            args.resize(i);
-            return command;
-        } else if (args[i].empty() || args[i][0] != '-') {
-            break;
-        }
-    }
-    // `kovractl sandbox help` asks for the sandbox's help, as `help` last does everywhere.
-    if (i + 1 == args.size() && args[i] == "help") return {};
-    std::vector<std::string> command(args.begin() + i, args.end());
-    args.resize(i);
-    return command;
-}
-
 // An error as JSON on stdout, laid out as -p or -j asked.
 void printJsonError(const std::string& message, int exitCode, bool pretty) {
     printf("%s\n",
@@ -88,7 +62,6 @@ int run(std::vector<std::string> args) {
     app.add_flag("--preview", ctx.preview,
                  "Run the command on a copy of the maps in a private bpffs: show what it would "
                  "return and remove, and leave the maps as they are (root)");
-    ctx.sandboxCommand = splitSandboxCommand(args);
 
     addStatsCommands(app, ctx);
     addFreezeCommands(app, ctx);
