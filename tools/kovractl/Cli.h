@@ -6,8 +6,10 @@
 
 #include <algorithm>
 #include <functional>
+#include <initializer_list>
 #include <limits>
 #include <string>
+#include <type_traits>
 #include <vector>
 
 #include <CLI/CLI.hpp>
@@ -39,9 +41,21 @@ struct Context {
 };
 
 // The maps a command needs, which the one dispatch path below checks (requireMaps) before the
-// command runs: given where the command is declared, fixed or as a function of its parsed options.
-// A command that needs none (or looks at whatever it finds, as `maps` does) runs as any user.
-using Needs = std::function<MapNeeds()>;
+// command runs: given where the command is declared, as a list or as a function of its parsed
+// options. A command that needs none (or looks at whatever it finds, as `maps` does) runs as any
+// user.
+class Needs {
+  public:
+    Needs() = default;
+    Needs(std::initializer_list<MapNeeds::value_type> maps) : Needs(MapNeeds(maps)) {}
+    Needs(MapNeeds maps) : mOf([maps] { return maps; }) {}
+    template <typename F, std::enable_if_t<std::is_invocable_r_v<MapNeeds, F>, int> = 0>
+    Needs(F of) : mOf(std::move(of)) {}
+    MapNeeds operator()() const { return mOf ? mOf() : MapNeeds{}; }
+
+  private:
+    std::function<MapNeeds()> mOf;
+};
 
 // Makes `action` the one to run when `command` is the subcommand chosen on the command line.
 // Nothing runs while the command line is parsed, so a usage error touches no map. A command
@@ -58,13 +72,7 @@ inline void onRun(CLI::App* command, Context& ctx, Needs needs, std::function<in
 }
 
 inline void onRun(CLI::App* command, Context& ctx, std::function<int()> action) {
-    onRun(
-            command, ctx, [] { return MapNeeds{}; }, std::move(action));
-}
-
-inline void onRun(CLI::App* command, Context& ctx, MapNeeds needs, std::function<int()> action) {
-    onRun(
-            command, ctx, [needs] { return needs; }, std::move(action));
+    onRun(command, ctx, Needs(), std::move(action));
 }
 
 // The same for a command that returns what it shows, printed by render().
@@ -81,13 +89,7 @@ inline void onShow(CLI::App* command, Context& ctx, Needs needs, std::function<O
 }
 
 inline void onShow(CLI::App* command, Context& ctx, std::function<Output()> show) {
-    onShow(
-            command, ctx, [] { return MapNeeds{}; }, std::move(show));
-}
-
-inline void onShow(CLI::App* command, Context& ctx, MapNeeds needs, std::function<Output()> show) {
-    onShow(
-            command, ctx, [needs] { return needs; }, std::move(show));
+    onShow(command, ctx, Needs(), std::move(show));
 }
 
 // A catalogue map's short name ("app_tcp_fin_drop").
