@@ -67,6 +67,7 @@ int run(std::vector<std::string> args) {
     addFreezeCommands(app, ctx);
     addSpeedsCommands(app, ctx);
     addWakeupCommands(app, ctx);
+    addScreenCommand(app, ctx);
     addNetCommands(app, ctx);
     addMapsCommand(app, ctx);
     addCaptureCommands(app, ctx);
