@@ -7,7 +7,7 @@
 
 #include <vector>
 
-#include <kovrasandbox/Maps.h>
+#include <kovrasandbox/RawMap.h>
 
 namespace kovra::sandbox {
 
