@@ -58,7 +58,7 @@ int run(std::vector<std::string> args) {
         try {
             uid = static_cast<uint32_t>(kovra::traffic::parseNumber("UID", args[1], UINT32_MAX));
             kovra::live::setFrozen(uid, args[0] == "freeze");
-        } catch (const std::invalid_argument& e) {
+        } catch (const kovra::traffic::FlowError& e) {
             return usage(e.what());
         } catch (const kovra::sandbox::Error& e) {
             return environment(std::string(e.what()) + " (is this a live sandbox?)");
@@ -72,7 +72,7 @@ int run(std::vector<std::string> args) {
     try {
         for (size_t i = 1; i < args.size(); ++i)
             flows.push_back(kovra::traffic::parseFlow(args[i]));
-    } catch (const std::invalid_argument& e) {
+    } catch (const kovra::traffic::FlowError& e) {
         return usage(e.what());
     }
     const char* cgroup = getenv(kovra::live::kCgroupEnv);
