@@ -1,13 +1,13 @@
 // What the benchmarks share: catalogue maps seeded once per size in the private bpffs, and the
-// floors every service is measured against. The floors run the same kernel commands the library
-// could at best, through libbpf's one-call wrappers: the raw loop is the library's own algorithm
-// (one key step and one lookup per entry) with nothing around the system calls; the batch read is
-// the kernel's fastest way to hand over a whole map. Both land in the same kind of table the
-// service fills.
+// floors every service is measured against. The raw floor is the library's own algorithm (one key
+// step and one lookup per entry) in the library's own thin bpf(2) wrappers, the very commands it
+// issues, with nothing around the system calls; the batch floor is the kernel's fastest way to
+// hand over a whole map, read through the desk map layer. Both land in the same kind of table the
+// service fills. Seeding goes through the desk map layer too.
 #pragma once
 
-#include <bpf/bpf.h>
 #include <errno.h>
+#include <kovrabpf/BpfSyscall.h>
 #include <kovrabpf/KovraBpfNetworkStats.h>
 #include <kovrasandbox/Clock.h>
 #include <stdint.h>
@@ -22,6 +22,7 @@
 
 #include <benchmark/benchmark.h>
 
+#include <kovrasandbox/MapBatch.h>
 #include <kovrasandbox/Maps.h>
 
 namespace kovra::bench {
@@ -78,11 +79,7 @@ void fill(const RawMap& map, int64_t n, V (*make)(const K&)) {
         keys[i] = keyAt<K>(static_cast<uint32_t>(i));
         values[i] = make(keys[i]);
     }
-    uint32_t count = static_cast<uint32_t>(n);
-    if (bpf_map_update_batch(map.fd(), keys.data(), values.data(), &count, nullptr) != 0 ||
-        count != n) {
-        abort();
-    }
+    sandbox::putBatch(map, keys, values);
 }
 
 // The catalogue map `map` pinned with max_entries n and holding n entries. The map is kept for
@@ -104,22 +101,22 @@ const RawMap& seeded(const PinnedMap<K, V>& map, int64_t n, V (*make)(const K&))
     return *entry.map;
 }
 
-// Opens a pinned map, as the floors do on every pass.
+// Opens a pinned map, as the raw floor does on every pass.
 inline int openPinned(const char* path, uint32_t fileFlags) {
-    LIBBPF_OPTS(bpf_obj_get_opts, opts, .file_flags = fileFlags);
-    return bpf_obj_get_opts(path, &opts);
+    return android::bpf::bpfObjGet(path, fileFlags);
 }
 
 // The library's walk with nothing around the system calls: key after key, one lookup each,
 // into `out` through `store`. Kept out of line so that callgrind.sh can count it alone.
 template <typename K, typename V, typename Store>
 [[gnu::noinline]] void rawWalk(int fd, Store store) {
+    using namespace android::bpf;
     K key, next;
     V value;
-    if (bpf_map_get_next_key(fd, nullptr, &key) != 0) return;
+    if (bpfGetNextKey(fd, nullptr, &key) != 0) return;
     while (true) {
-        const bool more = bpf_map_get_next_key(fd, &key, &next) == 0;
-        if (bpf_map_lookup_elem(fd, &key, &value) != 0) abort();
+        const bool more = bpfGetNextKey(fd, &key, &next) == 0;
+        if (bpfLookupElem(fd, &key, &value) != 0) abort();
         store(key, value);
         if (!more) return;
         key = next;
@@ -129,28 +126,23 @@ template <typename K, typename V, typename Store>
 // The library's clear with nothing around the system calls: delete the first key until none.
 template <typename K>
 [[gnu::noinline]] void rawClear(int fd) {
+    using namespace android::bpf;
     K key;
-    while (bpf_map_get_next_key(fd, nullptr, &key) == 0) {
-        if (bpf_map_delete_elem(fd, &key) != 0) abort();
+    while (bpfGetNextKey(fd, nullptr, &key) == 0) {
+        if (bpfDeleteElem(fd, &key) != 0) abort();
     }
 }
 
-// The whole map in as few commands as the kernel allows: `command` is BPF_MAP_LOOKUP_BATCH, or
-// BPF_MAP_LOOKUP_AND_DELETE_BATCH to empty the map on the way.
+// The whole map in as few commands as the kernel allows, emptied on the way with kReadAndDelete,
+// in batches as large as `keys` and `values`.
 template <typename K, typename V, typename Store>
-void batchRead(int fd, int command, std::vector<K>& keys, std::vector<V>& values, Store store) {
-    const auto read = command == BPF_MAP_LOOKUP_BATCH ? bpf_map_lookup_batch
-                                                      : bpf_map_lookup_and_delete_batch;
-    uint64_t token = 0;
-    bool first = true;
-    while (true) {
-        uint32_t count = static_cast<uint32_t>(keys.size());
-        const int rv = read(fd, first ? nullptr : &token, &token, keys.data(), values.data(),
-                            &count, nullptr);
-        if (rv != 0 && errno != ENOENT) abort();
+void batchRead(const RawMap& map, sandbox::BatchMode mode, std::vector<K>& keys,
+               std::vector<V>& values, Store store) {
+    sandbox::BatchReader batches(map, mode);
+    while (!batches.done()) {
+        const uint32_t count =
+                batches.next(keys.data(), values.data(), static_cast<uint32_t>(keys.size()));
         for (uint32_t i = 0; i < count; ++i) store(keys[i], values[i]);
-        if (rv != 0) return;
-        first = false;
     }
 }
 

@@ -1,7 +1,8 @@
 // Counts, by command, the bpf commands the library issues, from its shared object or from its
 // handle templates compiled into the benchmarks, as the executable's syscall() sees them
-// (tests/interpose/); the benchmarks' seeding and floors go through libbpf, whose commands pass
-// uncounted.
+// (tests/interpose/). The desk map layer's commands, which seed the maps and run the batch floor,
+// go through libbpf and pass uncounted; the raw floor's are the library's own wrappers and are
+// counted, but only a service's benchmark reports what it issued.
 #include <atomic>
 
 #include <Interpose.h>

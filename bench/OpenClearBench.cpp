@@ -13,14 +13,11 @@ using namespace android::bpf;
 
 constexpr int64_t kSingleEntryMapSize = 1 << 10;
 
-// One info query as the handle makes it: a fresh 88-byte reply buffer, one word read.
-uint32_t infoWord(int fd, size_t offset) {
-    alignas(8) uint8_t info[88] = {};
-    uint32_t size = sizeof(info);
-    if (bpf_obj_get_info_by_fd(fd, info, &size) != 0) abort();
-    uint32_t word;
-    memcpy(&word, info + offset, sizeof(word));
-    return word;
+// One info query as the handle makes it, in the library's own wrapper.
+uint32_t infoWord(int fd, MapInfoWord word) {
+    const int value = bpfGetMapInfoWord(fd, word);
+    if (value == -1) abort();
+    return static_cast<uint32_t>(value);
 }
 
 // The floor of an open and close: the same commands as the handle's, with nothing around them.
@@ -32,14 +29,13 @@ void rawOpenAndClose(benchmark::State& state, bool writable) {
         if (writable) {
             struct flock lock {};
             lock.l_type = F_RDLCK;
-            lock.l_start = infoWord(fd, offsetof(bpf_map_info, id));
+            lock.l_start = infoWord(fd, MapInfoWord::kId);
             lock.l_len = 1;
             if (fcntl(fd, F_OFD_SETLK, &lock) != 0) abort();
         }
-        const bool fits =
-                !(infoWord(fd, offsetof(bpf_map_info, map_flags)) & BPF_F_WRONLY) &&
-                infoWord(fd, offsetof(bpf_map_info, key_size)) == sizeof(uint32_t) &&
-                infoWord(fd, offsetof(bpf_map_info, value_size)) == sizeof(KovraStatsValue);
+        const bool fits = !(infoWord(fd, MapInfoWord::kFlags) & BPF_F_WRONLY) &&
+                          infoWord(fd, MapInfoWord::kKeySize) == sizeof(uint32_t) &&
+                          infoWord(fd, MapInfoWord::kValueSize) == sizeof(KovraStatsValue);
         if (!fits) abort();
         close(fd);
     }
@@ -85,18 +81,18 @@ auto* const kMake = derivedFrom<uint64_t, AppFreezeSynInfo>;
 
 enum class Clearer { kService, kRaw, kBatch };
 
-void emptyOnce(Clearer how, int fd) {
+void emptyOnce(Clearer how, const RawMap& map) {
     switch (how) {
         case Clearer::kService:
             if (!BpfMap<uint64_t, AppFreezeSynInfo>(kCleared).clear().ok()) abort();
             break;
         case Clearer::kRaw:
-            rawClear<uint64_t>(fd);
+            rawClear<uint64_t>(map.fd());
             break;
         case Clearer::kBatch: {
             std::vector<uint64_t> keys(1024);
             std::vector<AppFreezeSynInfo> values(1024);
-            batchRead(fd, BPF_MAP_LOOKUP_AND_DELETE_BATCH, keys, values,
+            batchRead(map, sandbox::BatchMode::kReadAndDelete, keys, values,
                       [](const uint64_t&, const AppFreezeSynInfo&) {});
             break;
         }
@@ -110,7 +106,7 @@ void clearing(benchmark::State& state, Clearer how) {
     fill(map, entries, kMake);
     const CommandCount commands;
     for (auto _ : state) {
-        emptyOnce(how, map.fd());
+        emptyOnce(how, map);
         refillUntimed(state, map, entries, kMake);
     }
     perEntry(state, entries);

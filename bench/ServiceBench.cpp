@@ -34,7 +34,7 @@ class Stage {
         made_.clear();
         for (auto& [path, before] : saved_) {
             unlink(path.c_str());
-            if (before && bpf_obj_pin(before->fd(), path.c_str()) != 0) abort();
+            if (before) before->pin(path.c_str());
         }
     }
 

@@ -50,12 +50,11 @@ void runBatch(benchmark::State& state, const PinnedMap<K, V>& map, V (*make)(con
     Table out;
     for (auto _ : state) {
         out.clear();
-        const int fd = openPinned(map.path, after == After::kEmpty ? 0 : BPF_F_RDONLY);
-        const int command =
-                after == After::kEmpty ? BPF_MAP_LOOKUP_AND_DELETE_BATCH : BPF_MAP_LOOKUP_BATCH;
-        batchRead(fd, command, keys, values,
-                  [&](const K& key, const V& value) { store(out, key, value); });
-        close(fd);
+        const bool emptying = after == After::kEmpty;
+        const RawMap opened = RawMap::open(
+                map.path, emptying ? sandbox::Access::kReadWrite : sandbox::Access::kReadOnly);
+        batchRead(opened, emptying ? sandbox::BatchMode::kReadAndDelete : sandbox::BatchMode::kRead,
+                  keys, values, [&](const K& key, const V& value) { store(out, key, value); });
         if (after == After::kEmpty) refillUntimed(state, pinned, n, make);
     }
     if (static_cast<int64_t>(out.size()) != n) fail(state, "the batch missed entries");

@@ -45,14 +45,18 @@ RawMap::RawMap(const char* path, uint32_t keySize, uint32_t valueSize, uint32_t 
     LIBBPF_OPTS(bpf_map_create_opts, opts, .map_flags = mapFlags);
     mFd = bpf_map_create(type, nullptr, keySize, valueSize, maxEntries, &opts);
     if (mFd < 0) sandbox::fail("creating the map for", path);
+    try {
+        pin(path);
+    } catch (const Error&) {
+        close(mFd);
+        throw;
+    }
+}
+
+void RawMap::pin(const char* path) const {
     makeParentFolders(path);
     unlink(path);
-    if (bpf_obj_pin(mFd, path) != 0) {
-        const int err = errno;
-        close(mFd);
-        errno = err;
-        sandbox::fail("pinning", path);
-    }
+    if (bpf_obj_pin(mFd, path) != 0) sandbox::fail("pinning", path);
 }
 
 RawMap RawMap::open(const char* path, Access access) {

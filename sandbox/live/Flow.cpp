@@ -2,7 +2,6 @@
 
 #include <set>
 #include <sstream>
-#include <stdexcept>
 
 namespace kovra::traffic {
 
@@ -15,8 +14,8 @@ uint64_t parseNumber(const std::string& name, const std::string& text, uint64_t 
         value = value * 10 + digit;
     }
     if (!fits) {
-        throw std::invalid_argument(name + "=" + text + ": expected a number 0.." +
-                                    std::to_string(max) + " (digits only, no leading zero)");
+        throw FlowError(name + "=" + text + ": expected a number 0.." + std::to_string(max) +
+                        " (digits only, no leading zero)");
     }
     return value;
 }
@@ -30,7 +29,7 @@ Flow parseFlow(const std::string& text) {
         const size_t eq = item.find('=');
         const std::string key = item.substr(0, eq);
         const std::string value = eq == std::string::npos ? "" : item.substr(eq + 1);
-        if (!seen.insert(key).second) throw std::invalid_argument("`" + key + "` given twice");
+        if (!seen.insert(key).second) throw FlowError("`" + key + "` given twice");
         if (key == "uid") {
             flow.uid = static_cast<uint32_t>(parseNumber(key, value, UINT32_MAX));
             hasUid = true;
@@ -56,12 +55,12 @@ Flow parseFlow(const std::string& text) {
         } else if (key == "limit") {
             flow.limitMs = static_cast<uint32_t>(parseNumber(key, value, kMaxLimitMs));
         } else {
-            throw std::invalid_argument("unknown flow setting `" + item + "`");
+            throw FlowError("unknown flow setting `" + item + "`");
         }
     }
-    if (!hasUid || !hasPeer) throw std::invalid_argument("a flow needs uid= and peer=");
+    if (!hasUid || !hasPeer) throw FlowError("a flow needs uid= and peer=");
     if (flow.chunk == 0 || flow.connections == 0 || flow.limitMs == 0) {
-        throw std::invalid_argument("chunk, conns and limit must be at least 1");
+        throw FlowError("chunk, conns and limit must be at least 1");
     }
     return flow;
 }

@@ -143,6 +143,29 @@ TEST_F(LiveFirewall, BlockedTrafficIsDroppedBothWaysAndNotCounted) {
     EXPECT_EQ(-ENOENT, bpfGetUidPurStats(10012, value));
 }
 
+// A receiver that cannot listen reports its own error; its sender, left without a port to reach,
+// sends nothing and reports none. The network namespace's one ephemeral port is taken for it.
+TEST_F(LiveTest, EachEndReportsItsOwnError) {
+    const char* const range = "/proc/sys/net/ipv4/ip_local_port_range";
+    char before[64] = {};
+    const int rangeFd = open(range, O_RDWR | O_CLOEXEC);
+    ASSERT_GT(read(rangeFd, before, sizeof(before) - 1), 0);
+    ASSERT_EQ(12, pwrite(rangeFd, "40000 40000\n", 12, 0));
+    const int held = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    sockaddr_in addr{};
+    addr.sin_family = AF_INET;
+    addr.sin_port = htons(40000);
+    addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    EXPECT_EQ(0, bind(held, reinterpret_cast<sockaddr*>(&addr), sizeof(addr)));
+    const auto sent = drive({"uid=10001,peer=10002,bytes=1000"});
+    close(held);
+    EXPECT_EQ(static_cast<ssize_t>(strlen(before)), pwrite(rangeFd, before, strlen(before), 0));
+    close(rangeFd);
+    EXPECT_EQ(EADDRINUSE, sent[0].peerError);
+    EXPECT_EQ(0, sent[0].error);
+    EXPECT_EQ(0u, sent[0].bytes);
+}
+
 // AppFreezeSynInfo as the live side writes it (docs/live.md).
 struct SynRecord {
     uint32_t uid, remote4;

@@ -45,14 +45,14 @@ inline Fields of<StatsValue>(const char*) {
             {KOVRA_FIELD_OF(StatsValue, txPackets)},
             {KOVRA_FIELD_OF(StatsValue, txBytes)}};
 }
+// The vendor's record: netd's four counters where netd has them, then its own two.
 template <>
-inline Fields of<KovraStatsValue>(const char*) {
-    return {{KOVRA_FIELD_OF(KovraStatsValue, rxPackets)},
-            {KOVRA_FIELD_OF(KovraStatsValue, rxBytes)},
-            {KOVRA_FIELD_OF(KovraStatsValue, txPackets)},
-            {KOVRA_FIELD_OF(KovraStatsValue, txBytes)},
-            {KOVRA_FIELD_OF(KovraStatsValue, extra0)},
-            {KOVRA_FIELD_OF(KovraStatsValue, extra1)}};
+inline Fields of<KovraStatsValue>(const char* label) {
+    static_assert(offsetof(KovraStatsValue, txBytes) == offsetof(StatsValue, txBytes));
+    Fields all = of<StatsValue>(label);
+    all.push_back({KOVRA_FIELD_OF(KovraStatsValue, extra0)});
+    all.push_back({KOVRA_FIELD_OF(KovraStatsValue, extra1)});
+    return all;
 }
 // The freeze records are the kernel side's words, numbered.
 template <>

@@ -7,8 +7,10 @@
 
 #include <algorithm>
 #include <functional>
+#include <initializer_list>
 #include <limits>
 #include <string>
+#include <type_traits>
 #include <vector>
 
 #include <CLI/CLI.hpp>
@@ -33,26 +35,50 @@ struct Context {
     // Set once a change has been made ("block UID 10050: ok"), so that an output failure after it
     // does not leave the user thinking it was not.
     std::string changeMade;
-    std::vector<std::string> sandboxCommand;  // what `kovractl sandbox` runs, as given
     bool jsonOutput() const { return json || pretty; }
     Format format() const {
         return pretty ? Format::kPrettyJson : json ? Format::kJson : Format::kTable;
     }
 };
 
+// The maps a command needs, which the one dispatch path below checks (requireMaps) before the
+// command runs: given where the command is declared, as a list or as a function of its parsed
+// options. A command that needs none (or looks at whatever it finds, as `maps` does) runs as any
+// user.
+class Needs {
+  public:
+    Needs() = default;
+    Needs(std::initializer_list<MapNeeds::value_type> maps) : Needs(MapNeeds(maps)) {}
+    Needs(MapNeeds maps) : mOf([maps] { return maps; }) {}
+    template <typename F, std::enable_if_t<std::is_invocable_r_v<MapNeeds, F>, int> = 0>
+    Needs(F of) : mOf(std::move(of)) {}
+    MapNeeds operator()() const { return mOf ? mOf() : MapNeeds{}; }
+
+  private:
+    std::function<MapNeeds()> mOf;
+};
+
 // Makes `action` the one to run when `command` is the subcommand chosen on the command line.
 // Nothing runs while the command line is parsed, so a usage error touches no map. A command
 // that has subcommands of its own (`wakeup` and `wakeup hb-len`) yields to the innermost one
 // given, whose callback runs first.
-inline void onRun(CLI::App* command, Context& ctx, std::function<int()> action) {
-    command->callback([&ctx, action = std::move(action)] {
-        if (!ctx.action) ctx.action = action;
+inline void onRun(CLI::App* command, Context& ctx, Needs needs, std::function<int()> action) {
+    command->callback([&ctx, needs = std::move(needs), action = std::move(action)] {
+        if (ctx.action) return;
+        ctx.action = [needs, action] {
+            if (const MapNeeds maps = needs(); !maps.empty()) requireMaps(maps);
+            return action();
+        };
     });
 }
 
+inline void onRun(CLI::App* command, Context& ctx, std::function<int()> action) {
+    onRun(command, ctx, Needs(), std::move(action));
+}
+
 // The same for a command that returns what it shows, printed by render().
-inline void onShow(CLI::App* command, Context& ctx, std::function<Output()> show) {
-    onRun(command, ctx, [&ctx, show = std::move(show)] {
+inline void onShow(CLI::App* command, Context& ctx, Needs needs, std::function<Output()> show) {
+    onRun(command, ctx, std::move(needs), [&ctx, show = std::move(show)] {
         const Output out = show();
         // A change's output has its status (see change()); a made one says so last.
         if (out.json.is_object() && out.json.value("status", -1) == 0 && !out.text.empty() &&
@@ -61,6 +87,10 @@ inline void onShow(CLI::App* command, Context& ctx, std::function<Output()> show
         }
         return render(ctx.format(), out);
     });
+}
+
+inline void onShow(CLI::App* command, Context& ctx, std::function<Output()> show) {
+    onShow(command, ctx, Needs(), std::move(show));
 }
 
 // A catalogue map's short name ("app_tcp_fin_drop").

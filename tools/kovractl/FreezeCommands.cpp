@@ -30,7 +30,6 @@ Rows recordRows(const std::unordered_map<uint64_t, Record>& records) {
 template <typename Record>
 Output harvest(Context& ctx, int (*service)(std::unordered_map<uint64_t, Record>&),
                const PinnedMapInfo& map, const std::string& what) {
-    requireMaps({{&map, Access::kReadWrite}});
     std::unordered_map<uint64_t, Record> records;
     check(call(service, records), "harvesting the " + what);
     // The service has emptied the map: these records exist nowhere but in this output now.
@@ -49,7 +48,6 @@ Json configJson(const AppFreezeConfig& config) {
 }
 
 Output getConfig() {
-    requireMaps({needs(maps::kAppFreezeConfig, Access::kReadWrite)});
     AppFreezeConfig config{};
     check(call(bpfGetAppFreezeConfig, config), "reading the freeze configuration");
     Output out{configJson(config)};
@@ -57,13 +55,17 @@ Output getConfig() {
             out.table({{"word0", "word1", "word2"}, {{config.word0, config.word1, config.word2}}}));
 }
 
+// The library skips a value equal to the last one this process wrote, and each kovractl run is a
+// fresh process whose last written value is all zero: 0 0 0 is never written, and needs no map.
+bool skipsWrite(const uint32_t (&words)[3]) {
+    return words[0] == 0 && words[1] == 0 && words[2] == 0;
+}
+
 Output setConfig(const uint32_t (&words)[3]) {
     AppFreezeConfig config{words[0], words[1], words[2]};
     const std::string text = std::to_string(config.word0) + " " + std::to_string(config.word1) +
                              " " + std::to_string(config.word2);
-    // The library skips a value equal to the last one this process wrote, and each kovractl run
-    // is a fresh process whose last written value is all zero: 0 0 0 is never written.
-    const bool skipped = config.word0 == 0 && config.word1 == 0 && config.word2 == 0;
+    const bool skipped = skipsWrite(words);
     Json details = configJson(config);
     details["written"] = !skipped;
     if (skipped) {
@@ -74,7 +76,6 @@ Output setConfig(const uint32_t (&words)[3]) {
                                   "this process wrote, which is 0 0 0 in a fresh process; the map "
                                   "keeps its record"));
     }
-    requireMaps({needs(maps::kAppFreezeConfig, Access::kReadWrite)});
     return change(call(bpfSetAppFreezeConfig, config), "set the freeze configuration to " + text,
                   details);
 }
@@ -88,13 +89,13 @@ void addFreezeCommands(CLI::App& app, Context& ctx) {
 
     CLI::App* syns = freeze->add_subcommand(
             "syns", "Harvest the connection-attempt records: show them, then empty the map");
-    onShow(syns, ctx, [&ctx] {
+    onShow(syns, ctx, {needs(maps::kAppFreezeSyn, Access::kReadWrite)}, [&ctx] {
         return harvest(ctx, bpfFetchAppFreezeSyns, rowOf(maps::kAppFreezeSyn.path),
                        "connection-attempt records");
     });
     CLI::App* stats = freeze->add_subcommand(
             "stats", "Harvest the traffic records: show them, then empty the map");
-    onShow(stats, ctx, [&ctx] {
+    onShow(stats, ctx, {needs(maps::kAppFreezeStats, Access::kReadWrite)}, [&ctx] {
         return harvest(ctx, bpfFetchAppFreezeStats, rowOf(maps::kAppFreezeStats.path),
                        "traffic records");
     });
@@ -102,7 +103,8 @@ void addFreezeCommands(CLI::App& app, Context& ctx) {
     CLI::App* config = freeze->add_subcommand("config", "The freeze accounting's settings")
                                ->require_subcommand(1);
     CLI::App* get = config->add_subcommand("get", "Show the configuration record");
-    onShow(get, ctx, getConfig);
+    const auto configMap = needs(maps::kAppFreezeConfig, Access::kReadWrite);
+    onShow(get, ctx, {configMap}, getConfig);
     CLI::App* set = config->add_subcommand(
             "set",
             "Write the configuration record (skipped when it equals the last one written "
@@ -110,7 +112,12 @@ void addFreezeCommands(CLI::App& app, Context& ctx) {
     addNumber(set, "W0", opts->words[0], "First word");
     addNumber(set, "W1", opts->words[1], "Second word");
     addNumber(set, "W2", opts->words[2], "Third word");
-    onShow(set, ctx, [opts] { return setConfig(opts->words); });
+    onShow(
+            set, ctx,
+            [opts, configMap] {
+                return skipsWrite(opts->words) ? MapNeeds{} : MapNeeds{configMap};
+            },
+            [opts] { return setConfig(opts->words); });
 }
 
 }  // namespace kovra::tool

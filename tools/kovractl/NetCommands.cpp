@@ -29,14 +29,12 @@ int asServiceUid(uint32_t uid) {
 }
 
 Output block(uint32_t uid, bool blocked) {
-    requireMaps({needs(maps::kAppNetDisconnLimit, Access::kReadWrite)});
     const Status status = call(blocked ? bpfDisableNetwork : bpfEnableNetwork, asServiceUid(uid));
     return change(status, (blocked ? "block UID " : "unblock UID ") + std::to_string(uid),
                   {{"uid", uid}, {"action", blocked ? "block" : "unblock"}});
 }
 
 Output legacy(uint32_t uid, uint32_t rule) {
-    requireMaps({needs(maps::kAppVuskLimit, Access::kReadWrite)});
     const std::string action = rule == 1 ? "allow" : "block";
     return change(call(bpfLegacySetFirewall, asServiceUid(uid), static_cast<int>(rule)),
                   "legacy firewall " + action + " UID " + std::to_string(uid),
@@ -45,8 +43,6 @@ Output legacy(uint32_t uid, uint32_t rule) {
 
 // Every UID with an entry in either map.
 Output list() {
-    requireMaps({needs(maps::kAppNetDisconnLimit, Access::kReadOnly),
-                 needs(maps::kAppVuskLimit, Access::kReadOnly)});
     std::map<uint32_t, std::pair<Json, Json>> byUid;
     for (const auto& [uid, value] : readEntries(maps::kAppNetDisconnLimit))
         byUid[uid].first = value;
@@ -67,22 +63,27 @@ void addNetCommands(CLI::App& app, Context& ctx) {
     CLI::App* listCommand = net->add_subcommand(
             "list",
             "The UIDs with an entry in the disconnect map or the legacy map, and its value");
-    onShow(listCommand, ctx, list);
+    onShow(listCommand, ctx,
+           {needs(maps::kAppNetDisconnLimit, Access::kReadOnly),
+            needs(maps::kAppVuskLimit, Access::kReadOnly)},
+           list);
 
     CLI::App* blockCommand = net->add_subcommand("block", "Cut the app off the network");
     addNumber(blockCommand, "UID", opts->uid, "The app's UID");
-    onShow(blockCommand, ctx, [opts] { return block(opts->uid, true); });
+    const MapNeeds blocking = {needs(maps::kAppNetDisconnLimit, Access::kReadWrite)};
+    onShow(blockCommand, ctx, blocking, [opts] { return block(opts->uid, true); });
 
     CLI::App* unblockCommand = net->add_subcommand(
             "unblock", "Let the app back on the network (exit 1 when it was not blocked)");
     addNumber(unblockCommand, "UID", opts->uid, "The app's UID");
-    onShow(unblockCommand, ctx, [opts] { return block(opts->uid, false); });
+    onShow(unblockCommand, ctx, blocking, [opts] { return block(opts->uid, false); });
 
     CLI::App* legacyCommand = net->add_subcommand("legacy", kLegacyHelp);
     addNumber(legacyCommand, "UID", opts->uid, "The app's UID");
     // The service takes the rule as int.
     addNumber(legacyCommand, "RULE", opts->rule, "1 allows, anything else blocks", INT_MAX);
-    onShow(legacyCommand, ctx, [opts] { return legacy(opts->uid, opts->rule); });
+    onShow(legacyCommand, ctx, {needs(maps::kAppVuskLimit, Access::kReadWrite)},
+           [opts] { return legacy(opts->uid, opts->rule); });
 }
 
 }  // namespace kovra::tool

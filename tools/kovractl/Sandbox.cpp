@@ -8,19 +8,14 @@
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
-#include <sys/prctl.h>
-#include <sys/stat.h>
 #include <sys/syscall.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <optional>
 
 #include <kovrasandbox/Bpffs.h>
-#include <kovrasandbox/Child.h>
 #include <kovrasandbox/Clock.h>
 #include <kovrasandbox/Maps.h>
-#include <kovrasandbox/Netns.h>
 #include <kovrasandbox/Seed.h>
 
 #include "Commands.h"
@@ -28,9 +23,7 @@
 
 // The live side is the desk's own stand-in for the platform's eBPF programs; a device build of
 // kovractl, where the platform's programs fill the maps, has none and no --live.
-#ifdef KOVRA_LIVE_SIDE
-#include <kovralive/Live.h>
-#endif
+#include "SandboxLive.h"
 
 namespace kovra::tool {
 namespace {
@@ -90,85 +83,18 @@ void restoreSignals() {
     sigprocmask(SIG_SETMASK, &none, nullptr);
 }
 
-std::vector<char*> argvOf(std::vector<std::string>& command) {
+}  // namespace
+
+int execCommand(std::vector<std::string>& command) {
     std::vector<char*> argv;
     for (std::string& word : command) argv.push_back(word.data());
     argv.push_back(nullptr);
-    return argv;
+    restoreSignals();
+    execvp(argv[0], argv.data());
+    const int err = errno;
+    fprintf(stderr, "kovractl: sandbox: cannot run %s: %s\n", argv[0], strerror(err));
+    return err == ENOENT ? 127 : 126;
 }
-
-#ifdef KOVRA_LIVE_SIDE
-// The live side: a network namespace of the sandbox's own, so that no traffic reaches the
-// machine's network, and the programs attached to a private cgroup.
-std::unique_ptr<live::LiveSide> goLive() {
-    sandbox::PrivateNetwork network;
-    try {
-        sandbox::enterPrivateNetwork(network);
-    } catch (const sandbox::Error& error) {
-        throw ToolError(kExitEnvironment, std::string("sandbox: ") + error.what());
-    }
-    struct stat netns;
-    if (stat("/proc/self/ns/net", &netns) == 0) {
-        setenv(live::kNetnsEnv, std::to_string(netns.st_ino).c_str(), 1);
-    }
-    try {
-        auto live = std::make_unique<live::LiveSide>();
-        if (!live->swept().empty())
-            fprintf(stderr, "kovractl sandbox: %s\n", live->swept().c_str());
-        setenv(live::kCgroupEnv, live->cgroup().c_str(), 1);
-        return live;
-    } catch (const live::LiveError& e) {
-        throw ToolError(kExitEnvironment, std::string("sandbox: ") + e.what());
-    }
-}
-
-pid_t measured = 0;
-
-void forwardSignal(int sig) {
-    if (measured > 0) kill(measured, sig);
-}
-
-// Runs the command in the live side's cgroup and waits for it, so that the sandbox outlives it
-// and takes the programs and the cgroup down afterwards. Returns the command's exit status.
-// The command dies with the sandbox, and what it starts is re-parented to the sandbox rather
-// than to the machine's init; if the sandbox is killed, the live side's guard ends the rest.
-int runMeasured(const live::LiveSide& live, std::vector<char*>& argv) {
-    prctl(PR_SET_CHILD_SUBREAPER, 1);
-    const pid_t self = getpid();
-    measured = fork();
-    if (measured < 0)
-        throw ToolError(kExitEnvironment, std::string("sandbox: fork: ") + strerror(errno));
-    if (measured == 0) {
-        sandbox::dieWithParent(self);
-        restoreSignals();
-        try {
-            live::joinCgroup(live.cgroup());
-        } catch (const live::LiveError& e) {
-            fprintf(stderr, "kovractl: sandbox: %s\n", e.what());
-            _exit(kExitEnvironment);
-        }
-        execvp(argv[0], argv.data());
-        const int err = errno;
-        fprintf(stderr, "kovractl: sandbox: cannot run %s: %s\n", argv[0], strerror(err));
-        _exit(err == ENOENT ? 127 : 126);
-    }
-    // Like system(): the terminal's interrupt is the command's to handle; a termination is
-    // passed on.
-    signal(SIGINT, SIG_IGN);
-    signal(SIGQUIT, SIG_IGN);
-    signal(SIGTERM, forwardSignal);
-    signal(SIGHUP, forwardSignal);
-    // Orphans of the command are reaped on the way; the guard, a child too, is not waited for.
-    int status = 0;
-    for (pid_t pid; (pid = waitpid(-1, &status, 0)) != measured;) {
-        if (pid < 0 && errno != EINTR) break;
-    }
-    return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
-}
-
-#endif
-
-}  // namespace
 
 int runSandbox(const SandboxOptions& options) {
     const std::string kind =
@@ -202,49 +128,10 @@ int runSandbox(const SandboxOptions& options) {
     setenv("KOVRA_SANDBOX", kind.c_str(), 1);
     putSelfOnPath();
 #ifdef KOVRA_LIVE_SIDE
-    if (live) {
-        std::vector<char*> argv = argvOf(command);
-        return runMeasured(*live, argv);
-    }
+    if (live) return runMeasured(*live, command);
 #endif
     // The command replaces this process, so its exit status is the sandbox's.
-    std::vector<char*> argv = argvOf(command);
-    restoreSignals();
-    execvp(argv[0], argv.data());
-    const int err = errno;
-    fprintf(stderr, "kovractl: sandbox: cannot run %s: %s\n", argv[0], strerror(err));
-    return err == ENOENT ? 127 : 126;
-}
-
-void addSandboxCommand(CLI::App& app, Context& ctx) {
-    auto opts = std::make_shared<SandboxOptions>();
-    CLI::App* command = app.add_subcommand(
-            "sandbox",
-            "As root: run COMMAND (default: a shell) with a private bpffs at /sys/fs/bpf that "
-            "holds "
-            "every map of the catalogue, empty or seeded; the machine's own maps are not touched. "
-            "Exits with COMMAND's status");
-    command->add_option("--seed", opts->seed,
-                        "Fill the maps: `demo`, the demo data set, or FILE, a capture "
-                        "(`kovractl -j dump`), whose CLOCK_MONOTONIC stamps are shifted so that "
-                        "each record keeps the age it had at capture")
-            ->type_name("demo|FILE");
-    command->add_flag("--raw-stamps", opts->rawStamps,
-                      "With --seed FILE: keep the capture's stamps as they are");
-#ifdef KOVRA_LIVE_SIDE
-    command->add_flag("--live", opts->live,
-                      "Also a private network namespace and the live kernel side: the project's "
-                      "eBPF programs, attached to a private cgroup that COMMAND runs in, fill the "
-                      "maps from COMMAND's traffic (see docs/live.md)");
-#endif
-    // The command itself never reaches the parser: main() takes it off the command line.
-    command->footer(
-            "COMMAND: everything after the sandbox's own options (or after --), passed on "
-            "untouched");
-    onRun(command, ctx, [&ctx, opts] {
-        opts->command = ctx.sandboxCommand;
-        return runSandbox(*opts);
-    });
+    return execCommand(command);
 }
 
 }  // namespace kovra::tool

@@ -21,4 +21,9 @@ struct SandboxOptions {
 // command, which runs in the live side's cgroup; returns its exit status.
 int runSandbox(const SandboxOptions& options);
 
+// Runs `command` in place of this process, started as it would be from a shell: every signal at
+// its default, none blocked. Returns only when it cannot be run: 127 when it is not found, 126
+// otherwise, said on stderr.
+int execCommand(std::vector<std::string>& command);
+
 }  // namespace kovra::tool

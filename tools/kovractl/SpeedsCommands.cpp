@@ -1,5 +1,5 @@
-// kovractl speeds: per-socket and per-(UID, interface) speeds, which interfaces are measured, and
-// what the services pruned or wiped on the way.
+// kovractl speeds sockets and uids: per-socket and per-(UID, interface) speeds, and what the
+// services pruned on the way. The interfaces and the configuration are SpeedsSettings.cpp's.
 #include <kovrabpf/KovraBpfNetworkStats.h>
 
 #include <set>
@@ -17,11 +17,6 @@ struct SpeedsOptions {
     uint32_t staleMs = 0;
     uint32_t minKbps = 0;
     std::vector<uint64_t> watch;
-    uint32_t ifindex = 0;
-    std::string state;
-    bool local = false;
-    uint32_t config = 0;
-    uint64_t cookie = 0;
     ListOptions list;
 };
 
@@ -67,9 +62,6 @@ const std::vector<std::string> kPairColumns = {"uid", "ifindex", "firstSpeedKbps
 int socketSpeeds(const Context& ctx, const SpeedsOptions& opts) {
     const PinnedMapInfo& speedsMap = rowOf(maps::kAppSocketSpeeds.path);
     const PinnedMapInfo& infoMap = rowOf(maps::kAppSocketInfo.path);
-    requireMaps({{&speedsMap, Access::kReadWrite},
-                 {&infoMap, Access::kReadWrite},
-                 needs(maps::kAppSocketSpeedsIfindex, Access::kReadWrite)});
     View view{
             kSocketColumns, "socket", {}, [&] {
                 const std::set<uint64_t> sockets = keysOf(speedsMap), infos = keysOf(infoMap);
@@ -97,7 +89,6 @@ int socketSpeeds(const Context& ctx, const SpeedsOptions& opts) {
 
 int uidSpeeds(const Context& ctx, const SpeedsOptions& opts) {
     const PinnedMapInfo& pairsMap = rowOf(maps::kAppUidSpeeds.path);
-    requireMaps({{&pairsMap, Access::kReadWrite}});
     View view{
             kPairColumns, "pair", {}, [&] {
                 const std::set<uint64_t> before = keysOf(pairsMap);
@@ -129,80 +120,6 @@ int uidSpeeds(const Context& ctx, const SpeedsOptions& opts) {
     return present(ctx, opts.list, view);
 }
 
-// The per-interface measurement table as it stands.
-Output listInterfaces() {
-    requireMaps({needs(maps::kAppSocketSpeedsIfindex, Access::kReadOnly)});
-    Rows rows{{"ifindex", "enable", "localEnable"}, {}};
-    for (const auto& [ifindex, config] : readEntries(maps::kAppSocketSpeedsIfindex)) {
-        rows.rows.push_back({ifindex, config.enable, config.localEnable});
-    }
-    std::sort(rows.rows.begin(), rows.rows.end());
-    return listing(rows, "measured interface");
-}
-
-Output bindInterface(const SpeedsOptions& opts) {
-    const bool on = opts.state == "on";
-    if (on) {
-        requireMaps({needs(maps::kAppSocketSpeedsIfindex, Access::kReadWrite)});
-        return change(call(bpfUpdateAppSocketSpeedsIfindex, opts.ifindex, 1, opts.local),
-                      "measure interface " + std::to_string(opts.ifindex) +
-                              (opts.local ? " without subnet-local sockets" : ""),
-                      {{"ifindex", opts.ifindex}, {"enable", true}, {"local", opts.local}});
-    }
-    // Taking an interface out sweeps its data from three maps, then drops its table entry.
-    const std::vector<std::pair<std::string, const PinnedMapInfo*>> swept = {
-            {"sockets", &rowOf(maps::kAppSocketSpeeds.path)},
-            {"pairs", &rowOf(maps::kAppUidSpeeds.path)},
-            {"socketInfo", &rowOf(maps::kAppSocketInfo.path)},
-            {"interfaces", &rowOf(maps::kAppSocketSpeedsIfindex.path)}};
-    MapNeeds maps;
-    for (const auto& [name, map] : swept) maps.push_back({map, Access::kReadWrite});
-    requireMaps(maps);
-    std::vector<Json> before;
-    for (const auto& [name, map] : swept) before.push_back(entryCount(*map));
-    const Status status = call(bpfUpdateAppSocketSpeedsIfindex, opts.ifindex, 0, 0);
-    Json wiped = Json::object();
-    std::string line = "wiped for interface " + std::to_string(opts.ifindex) + ":";
-    for (size_t m = 0; m < swept.size(); ++m) {
-        const Json after = entryCount(*swept[m].second);
-        wiped[swept[m].first] = before[m].is_number() && after.is_number()
-                                        ? Json(before[m].get<size_t>() - after.get<size_t>())
-                                        : Json(nullptr);
-        line += " " + wiped[swept[m].first].dump() + " from " + mapName(swept[m].second->path) +
-                (m + 1 < swept.size() ? "," : "");
-    }
-    return change(status, "stop measuring interface " + std::to_string(opts.ifindex),
-                  {{"ifindex", opts.ifindex}, {"enable", false}, {"wiped", wiped}}, {line});
-}
-
-Output showConfig() {
-    requireMaps({needs(maps::kAppSocketSpeedsConfig, Access::kReadOnly)});
-    Json word = nullptr;
-    for (const auto& [key, value] : readEntries(maps::kAppSocketSpeedsConfig)) {
-        if (key == 0) word = value;
-    }
-    Output out{{{"config", word}}};
-    return std::move(
-            out.line("speed configuration word: " + (word.is_null() ? "not set" : word.dump())));
-}
-
-Output setConfig(uint32_t config) {
-    requireMaps({needs(maps::kAppSocketSpeedsConfig, Access::kReadWrite)});
-    return change(call(bpfUpdateAppSocketSpeedsConfig, config),
-                  "set the speed configuration word to " + std::to_string(config),
-                  {{"config", config}});
-}
-
-Output localStatus(uint64_t cookie) {
-    requireMaps({needs(maps::kAppSocketInfo, Access::kReadWrite)});
-    const Status status = call(bpfGetSocketLocalStatus, cookie);
-    check(status, "telling whether socket " + std::to_string(cookie) + " is local");
-    Output out{{{"cookie", cookie}, {"local", status.value == 1}}};
-    return std::move(out.line(
-            "socket " + std::to_string(cookie) + ": " +
-            (status.value == 1 ? "peer in the interface's subnet" : "peer outside the subnet")));
-}
-
 }  // namespace
 
 void addSpeedsCommands(CLI::App& app, Context& ctx) {
@@ -224,46 +141,20 @@ void addSpeedsCommands(CLI::App& app, Context& ctx) {
             ->delimiter(',')
             ->check(unsignedNumber(UINT64_MAX));
     addListOptions(sockets, opts->list, true, kSocketColumns);
-    onRun(sockets, ctx, [&ctx, opts] { return socketSpeeds(ctx, *opts); });
+    onRun(sockets, ctx,
+          {needs(maps::kAppSocketSpeeds, Access::kReadWrite),
+           needs(maps::kAppSocketInfo, Access::kReadWrite),
+           needs(maps::kAppSocketSpeedsIfindex, Access::kReadWrite)},
+          [&ctx, opts] { return socketSpeeds(ctx, *opts); });
 
     CLI::App* uids = speeds->add_subcommand(
             "uids", "Every live (UID, interface) pair in kbps; prunes, and reports, stale pairs");
     addNumber(uids, "--stale-ms", opts->staleMs, "Age in ms beyond which a speed is stale");
     addListOptions(uids, opts->list, true, kPairColumns);
-    onRun(uids, ctx, [&ctx, opts] { return uidSpeeds(ctx, *opts); });
+    onRun(uids, ctx, {needs(maps::kAppUidSpeeds, Access::kReadWrite)},
+          [&ctx, opts] { return uidSpeeds(ctx, *opts); });
 
-    CLI::App* iface = speeds->add_subcommand(
-            "iface",
-            "Without arguments, list the measured interfaces; with them, put an interface into "
-            "measurement, or take it out and wipe what was gathered for it");
-    CLI::Option* ifindex = addNumber(iface, "IFINDEX", opts->ifindex, "Interface index");
-    CLI::Option* state = iface->add_option("STATE", opts->state, "on or off")
-                                 ->check(CLI::IsMember({"on", "off"}));
-    iface->add_flag("--local", opts->local,
-                    "With on: leave sockets whose peer is in the interface's subnet out of "
-                    "reports");
-    allOrNone(iface, {ifindex, state}, [opts] {
-        if (opts->local && opts->state != "on") {
-            throw CLI::ValidationError("--local", "goes with on");
-        }
-    });
-    onShow(iface, ctx,
-           [opts, state] { return state->count() > 0 ? bindInterface(*opts) : listInterfaces(); });
-
-    CLI::App* config =
-            speeds->add_subcommand("config", "Show the global speed configuration word, or set it");
-    CLI::Option* word =
-            addNumber(config, "WORD", opts->config, "The word, as the kernel side reads it")
-                    ->required(false);
-    onShow(config, ctx,
-           [opts, word] { return word->count() > 0 ? setConfig(opts->config) : showConfig(); });
-
-    CLI::App* local = speeds->add_subcommand(
-            "local",
-            "Whether a socket's peer lies in its interface's IPv4 subnet (exit 1 when "
-            "it cannot be told, as usual outside a socket report)");
-    addNumber(local, "COOKIE", opts->cookie, "Socket cookie");
-    onShow(local, ctx, [opts] { return localStatus(opts->cookie); });
+    addSpeedsSettings(speeds, ctx);
 }
 
 }  // namespace kovra::tool

@@ -33,8 +33,6 @@ Rows rowsOf(const Totals& totals, bool vendorCounters) {
 
 int totals(const Context& ctx, const StatsOptions& opts, const CLI::Option* uidOption,
            bool vendor) {
-    const auto& map = vendor ? rowOf(maps::kUidPurStats.path) : rowOf(maps::kNetdAppUidStats.path);
-    requireMaps({{&map, Access::kReadOnly}});
     const bool one = uidOption->count() > 0;
     View view{rowsOf({}, vendor).columns, "UID", kCounters, [&] {
                   Totals totals;
@@ -67,7 +65,8 @@ void addStatsCommands(CLI::App& app, Context& ctx) {
     CLI::App* uids = stats->add_subcommand("uids", "Totals from netd's per-UID statistics map");
     CLI::Option* netdUid = addNumber(uids, "UID", opts->uid, "Only this UID")->required(false);
     addListOptions(uids, opts->list, true, rowsOf({}, false).columns, kCounters);
-    onRun(uids, ctx, [&ctx, opts, netdUid] { return totals(ctx, *opts, netdUid, false); });
+    onRun(uids, ctx, {needs(maps::kNetdAppUidStats, Access::kReadOnly)},
+          [&ctx, opts, netdUid] { return totals(ctx, *opts, netdUid, false); });
 
     CLI::App* pur = stats->add_subcommand(
             "pur", "Totals from the vendor's per-UID statistics map (with its two extra counters)");
@@ -76,7 +75,8 @@ void addStatsCommands(CLI::App& app, Context& ctx) {
                                     "(exit 4) when the UID has no entry")
                                   ->required(false);
     addListOptions(pur, opts->list, true, rowsOf({}, true).columns, kCounters);
-    onRun(pur, ctx, [&ctx, opts, purUid] { return totals(ctx, *opts, purUid, true); });
+    onRun(pur, ctx, {needs(maps::kUidPurStats, Access::kReadOnly)},
+          [&ctx, opts, purUid] { return totals(ctx, *opts, purUid, true); });
 }
 
 }  // namespace kovra::tool

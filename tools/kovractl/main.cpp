@@ -1,13 +1,12 @@
 // kovractl: the vendor's network services' eBPF maps from the command line, through libkovrabpf.
-#include <errno.h>
 #include <signal.h>
 #include <stdio.h>
-#include <string.h>
 #include <unistd.h>
 
 #include <android/log.h>
 
 #include "Commands.h"
+#include "Failures.h"
 #include "Help.h"
 
 namespace kovra::tool {
@@ -23,52 +22,6 @@ void explainAbort(int) {
     ssize_t ignored = write(STDERR_FILENO, message, sizeof(message) - 1);
     (void)ignored;
     _exit(kExitEnvironment);
-}
-
-// The sandbox's command is everything after the sandbox's own options (or after --), handed on
-// untouched, so it never reaches the parser, which would take its options for kovractl's own:
-// `kovractl sandbox --seed demo kovractl stats uids -j` gives -j to the inner command.
-std::vector<std::string> splitSandboxCommand(std::vector<std::string>& args) {
-    size_t i = 0;
-    while (i < args.size() && isGlobalFlag(args[i])) ++i;
-    if (i == args.size() || args[i] != "sandbox") return {};
-    for (++i; i < args.size(); ++i) {
-        if (args[i] == "--seed") {
-            // A missing value is the parser's to report.
-            if (i + 1 < args.size()) ++i;
-        } else if (args[i] == "--") {
-            std::vector<std::string> command(args.begin() + i + 1, args.end());
-            args.resize(i);
-            return command;
-        } else if (args[i].empty() || args[i][0] != '-') {
-            break;
-        }
-    }
-    // `kovractl sandbox help` asks for the sandbox's help, as `help` last does everywhere.
-    if (i + 1 == args.size() && args[i] == "help") return {};
-    std::vector<std::string> command(args.begin() + i, args.end());
-    args.resize(i);
-    return command;
-}
-
-// An error as JSON on stdout, laid out as -p or -j asked.
-void printJsonError(const std::string& message, int exitCode, bool pretty) {
-    printf("%s\n",
-           Json({{"error", message}, {"exitCode", exitCode}}).dump(pretty ? 2 : -1).c_str());
-}
-
-int usageError(const CLI::App& app, const CLI::ParseError& error, bool json, bool pretty,
-               const std::vector<std::string>& args) {
-    const CLI::App* command = commandNamed(app, args);
-    std::string message = error.what();
-    // An unknown subcommand is left over rather than reported by name; name it.
-    const std::vector<std::string> unknown = app.remaining(true);
-    if (!unknown.empty() && error.get_name() == "RequiredError") {
-        message = "unknown subcommand '" + unknown.front() + "'";
-    }
-    fprintf(stderr, "kovractl: %s\n\n%s", message.c_str(), helpOf(command).c_str());
-    if (json || pretty) printJsonError(message, kExitUsage, pretty);
-    return kExitUsage;
 }
 
 int run(std::vector<std::string> args) {
@@ -88,12 +41,12 @@ int run(std::vector<std::string> args) {
     app.add_flag("--preview", ctx.preview,
                  "Run the command on a copy of the maps in a private bpffs: show what it would "
                  "return and remove, and leave the maps as they are (root)");
-    ctx.sandboxCommand = splitSandboxCommand(args);
 
     addStatsCommands(app, ctx);
     addFreezeCommands(app, ctx);
     addSpeedsCommands(app, ctx);
     addWakeupCommands(app, ctx);
+    addScreenCommand(app, ctx);
     addNetCommands(app, ctx);
     addMapsCommand(app, ctx);
     addCaptureCommands(app, ctx);
@@ -133,42 +86,7 @@ int run(std::vector<std::string> args) {
         return usageError(app, error, json->count() > 0, pretty->count() > 0, args);
     }
     if (ctx.verbose) __android_log_set_minimum_priority(ANDROID_LOG_DEBUG);
-    int code;
-    try {
-        if (ctx.preview) enterPreview();
-        code = ctx.action();
-    } catch (const ToolError& error) {
-        // One line each for several problems (every map that does not fit, say).
-        const std::string prefix = "kovractl: ";
-        std::string lines = error.what();
-        for (size_t at = 0; (at = lines.find('\n', at)) != std::string::npos;
-             at += 1 + prefix.size()) {
-            lines.insert(at + 1, prefix);
-        }
-        fprintf(stderr, "%s%s\n", prefix.c_str(), lines.c_str());
-        if (ctx.jsonOutput() && !error.inJson()) {
-            printJsonError(error.what(), error.exitCode(), ctx.pretty);
-        }
-        code = error.exitCode();
-    } catch (const std::exception& error) {
-        // Not a user's mistake, but still one line and an exit code rather than an abort.
-        fprintf(stderr, "kovractl: internal error: %s\n", error.what());
-        code = kExitFailed;
-    }
-    // Every write is checked here, at the end: a full disk or a closed stdout fails the command.
-    if (fflush(stdout) != 0 || ferror(stdout)) {
-        const int err = errno;
-        // A reader that has seen enough (`| head -1`) ends the command quietly, as it ends other
-        // tools, unless what it did not read was the only copy of what a harvest removed.
-        if (err == EPIPE && ctx.outputHoldsOnlyCopy.empty()) return code;
-        const std::string made =
-                ctx.changeMade.empty() ? "" : "; the change was made: " + ctx.changeMade;
-        fprintf(stderr, "kovractl: writing the output failed: %s%s%s%s\n", strerror(err),
-                ctx.outputHoldsOnlyCopy.empty() ? "" : "; ", ctx.outputHoldsOnlyCopy.c_str(),
-                made.c_str());
-        return kExitOutput;
-    }
-    return code;
+    return checkOutput(ctx, runAction(ctx));
 }
 
 }  // namespace

@@ -7,6 +7,8 @@
 
 #include <string>
 
+#include <kovrasandbox/Error.h>
+
 namespace kovra::traffic {
 
 enum class Protocol { kTcp, kUdp };
@@ -26,6 +28,11 @@ struct Flow {
     uint32_t limitMs = 60000;  // the flow ends at this age whatever it has sent
 };
 
+// A flow written wrong, thrown like every failure of the sandbox library (kovrasandbox/Error.h).
+struct FlowError : sandbox::Error {
+    using sandbox::Error::Error;
+};
+
 // Limits that every flow must keep.
 inline constexpr uint64_t kMaxBytes = 1ull << 30;
 inline constexpr uint32_t kMaxConnections = 5000;
@@ -33,12 +40,12 @@ inline constexpr uint32_t kMaxLimitMs = 120000;
 inline constexpr size_t kMaxFlows = 512;  // at once
 
 // A decimal number as kovractl reads one: digits only (no sign, blank or leading zero), at most
-// `max`. Throws std::invalid_argument naming `name`.
+// `max`. Throws FlowError naming `name`.
 uint64_t parseNumber(const std::string& name, const std::string& text, uint64_t max);
 
 // Parses "uid=10001,peer=10002,proto=tcp,route=lo,bytes=100000,chunk=1000,rate=50000,
 // conns=1,hold=0,keepalive=0,limit=60000" (each key once; limit at least 1). Throws
-// std::invalid_argument naming the mistake.
+// FlowError naming the mistake.
 Flow parseFlow(const std::string& text);
 
 }  // namespace kovra::traffic
