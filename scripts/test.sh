@@ -33,7 +33,10 @@ bash scripts/check-format.sh || status=1
 bash scripts/check-android-build.sh || status=1
 phase "sanitized build (ASan + UBSan)"
 export ASAN_OPTIONS=detect_leaks=1
-{ build build/asan -DKOVRA_SANITIZE=ON -DKOVRA_BUILD_BENCH=OFF && check build/asan; } || status=1
+# -O1 with line tables only: what the sanitizers' reports need (file and line of every frame), at
+# half the build time of -O2 with full debug information.
+{ build build/asan -DKOVRA_SANITIZE=ON -DKOVRA_BUILD_BENCH=OFF -DCMAKE_BUILD_TYPE=None \
+    -DCMAKE_CXX_FLAGS="-O1 -g1" && check build/asan; } || status=1
 unset ASAN_OPTIONS
 phase "arm64 kernels 5.10, 6.1, 6.12 (qemu)"
 bash scripts/test-arm64.sh || status=1
