@@ -128,6 +128,22 @@ TEST_F(BpfMapTest, ClearEmptiesTheMapAndLogsOnlyRealDeleteFailures) {
     EXPECT_TRUE(takeLogs().empty());
 }
 
+// A map the kernel froze (BPF_MAP_FREEZE) still opens read-write and reads, but every write
+// through the handle fails with EPERM; the desk's probe (a keyless delete) tells it apart from an
+// unfrozen map on every kernel generation the tests run on.
+TEST_F(BpfMapTest, FrozenMapReadsButRefusesWritesWithEperm) {
+    TypedMap map(kTestMap);
+    map.put(7, 70);
+    EXPECT_FALSE(map.frozen());
+    map.freeze();
+    EXPECT_TRUE(map.frozen());
+    BpfMap<uint32_t, uint64_t> handle(kTestMap);
+    EXPECT_EQ(70u, handle.readValue(7).value());
+    expectError(handle.writeValue(7, 71, BPF_ANY), "BpfMap::writeValue() failed", EPERM);
+    expectError(handle.deleteValue(7), "BpfMap::deleteValue() failed", EPERM);
+    EXPECT_EQ(70u, map.get(7).value());
+}
+
 TEST_F(BpfMapTest, HandleClosesItsDescriptorAndKeepsErrno) {
     TypedMap map(kTestMap);
     const int before = openFdCount();
